@@ -1,0 +1,38 @@
+# Front door. `make run` and `make test` install what they need (Debian 12, apt-get), build and
+# run; nothing has to be installed by hand.
+.PHONY: run test test-release test-asan test-tsan build deps bench clean
+
+JOBS ?= 2
+
+deps:
+	bash scripts/install-deps.sh
+
+build: deps
+	cmake --preset release
+	cmake --build --preset release -j$(JOBS)
+
+# Checksums a small built-in sample with every algorithm.
+run: build
+	./build/release/tools/corvane-checksum
+
+test-release: build
+	ctest --preset release -j$(JOBS)
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan -j$(JOBS)
+	ctest --preset asan -j$(JOBS)
+
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan -j$(JOBS)
+	ctest --preset tsan -j$(JOBS)
+
+# Release suite, then the whole suite under ASan+UBSan, then the concurrency suite under TSan.
+test: test-release test-asan test-tsan
+
+bench: build
+	bash bench/compare.sh
+
+clean:
+	rm -rf build

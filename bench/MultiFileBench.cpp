@@ -1,0 +1,149 @@
+// One pass over a file for several algorithms versus one in-memory pass per algorithm.
+//
+// Usage: MultiFileBench FILE [REPEATS]
+//
+// 1. Loads FILE into memory as chunks of the library's read size (8 MiB).
+// 2. For each of MD5, SHA-1, SHA-256 and CRC-32 alone: one streaming generator fed the in-memory
+//    chunks with the pattern the file form uses (Group enter, addDataToChecksum, wait(queue)),
+//    then finalized. Best of REPEATS (default 3).
+// 3. ChecksumGenerator({MD5, SHA1, SHA256, CRC32}).generateChecksumsForFile(FILE): best of
+//    REPEATS. The file should be in the page cache (read it once before).
+// 4. Checks that both ways give the same four checksums and prints, one "key value" per line:
+//    the single times, their sum, the multi-algorithm file time and ratio = file / sum.
+// Exit status 0 when the checksums agree, 2 when they differ, 1 on usage or I/O errors.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "corvane/ChecksumGenerator.hpp"
+#include "corvane/ChecksumType.hpp"
+#include "corvane/CorvaneChecksumGenerator.hpp"
+#include "dispatch/Group.hpp"
+
+namespace {
+
+using corvane::Bytes;
+using corvane::ChecksumGenerator;
+using corvane::ChecksumType;
+using corvane::CorvaneChecksumGenerator;
+using corvane::SharedBytes;
+using Clock = std::chrono::steady_clock;
+
+struct Algorithm {
+  const char* name;
+  ChecksumType type;
+};
+
+const Algorithm kAlgorithms[] = {
+    {"MD5", corvane::ChecksumTypeMD5},
+    {"SHA1", corvane::ChecksumTypeSHA1},
+    {"SHA256", corvane::ChecksumTypeSHA256},
+    {"CRC32", corvane::ChecksumTypeCRC32},
+};
+
+std::optional<std::vector<SharedBytes>> loadChunks(const std::string& path, std::size_t size) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::vector<SharedBytes> chunks;
+  while (true) {
+    auto chunk = std::make_shared<Bytes>(size);
+    file.read(reinterpret_cast<char*>(chunk->data()), std::streamsize(size));
+    const auto got = std::size_t(file.gcount());
+    if (got == 0) break;
+    chunk->resize(got);
+    chunks.push_back(std::move(chunk));
+    if (got < size) break;
+  }
+  if (file.bad()) return std::nullopt;
+  return chunks;
+}
+
+// Seconds for one generator over all chunks; stores the checksum in `text`.
+double timeInMemory(ChecksumType type, const std::vector<SharedBytes>& chunks,
+                    std::optional<std::string>& text) {
+  corvane::dispatch::Group group;
+  const auto start = Clock::now();
+  auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
+  const auto queue = generator->checksummingQueue();
+  for (const auto& chunk : chunks) {
+    group.enter();
+    generator->addDataToChecksum(chunk, [&group] { group.leave(); });
+    group.wait(queue);
+  }
+  group.enter();
+  generator->finalizeChecksumWithCompletionBlock([&](const std::optional<std::string>& checksum) {
+    text = checksum;
+    group.leave();
+  });
+  group.wait(queue);
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double timeFile(const std::string& path, std::map<std::uint64_t, std::string>& results) {
+  std::vector<ChecksumType> types;
+  for (const auto& algorithm : kAlgorithms) types.push_back(algorithm.type);
+  const ChecksumGenerator generator(types);
+  results.clear();
+  const auto start = Clock::now();
+  generator.generateChecksumsForFile(
+      path, [](float, std::uint64_t, bool*) {},
+      [&results](const std::string& text, ChecksumType type) { results[type.rawValue()] = text; });
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || argc > 3) {
+    std::fprintf(stderr, "usage: %s FILE [REPEATS]\n", argv[0]);
+    return 1;
+  }
+  const std::string path = argv[1];
+  const int repeats = argc == 3 ? std::max(1, std::atoi(argv[2])) : 3;
+
+  const auto chunks = loadChunks(path, std::size_t(ChecksumGenerator::kDefaultReadSize));
+  if (!chunks) {
+    std::fprintf(stderr, "cannot read %s\n", path.c_str());
+    return 1;
+  }
+  std::uint64_t fileBytes = 0;
+  for (const auto& chunk : *chunks) fileBytes += chunk->size();
+  std::printf("file_bytes %llu\n", static_cast<unsigned long long>(fileBytes));
+  std::printf("repeats %d\n", repeats);
+
+  std::map<std::uint64_t, std::string> memoryResults;
+  double sum = 0;
+  for (const auto& algorithm : kAlgorithms) {
+    double best = 1e300;
+    std::optional<std::string> text;
+    for (int i = 0; i < repeats; ++i) best = std::min(best, timeInMemory(algorithm.type, *chunks, text));
+    if (text) memoryResults[algorithm.type.rawValue()] = *text;
+    std::printf("single_seconds_%s %.6f\n", algorithm.name, best);
+    sum += best;
+  }
+  std::printf("single_seconds_sum %.6f\n", sum);
+
+  std::map<std::uint64_t, std::string> fileResults;
+  double bestFile = 1e300;
+  for (int i = 0; i < repeats; ++i) bestFile = std::min(bestFile, timeFile(path, fileResults));
+  std::printf("multi_file_seconds %.6f\n", bestFile);
+  std::printf("ratio %.4f\n", bestFile / sum);
+
+  const bool agree = fileResults == memoryResults && fileResults.size() == std::size(kAlgorithms);
+  for (const auto& algorithm : kAlgorithms) {
+    const auto found = fileResults.find(algorithm.type.rawValue());
+    std::printf("checksum_%s %s\n", algorithm.name,
+                found == fileResults.end() ? "(none)" : found->second.c_str());
+  }
+  std::printf("checksums_agree %s\n", agree ? "yes" : "no");
+  return agree ? 0 : 2;
+}

@@ -1,0 +1,14 @@
+// Umbrella header of libCorvaneSecurity.
+#pragma once
+
+#include "corvane/Bytes.hpp"
+#include "corvane/ChecksumGenerator.hpp"
+#include "corvane/ChecksumLookup.hpp"
+#include "corvane/ChecksumType.hpp"
+#include "corvane/CorvaneChecksumGenerator.hpp"
+#include "corvane/CorvaneLog.hpp"
+#include "corvane/DigestChecksumGenerators.hpp"
+#include "corvane/Exception.hpp"
+#include "corvane/Version.hpp"
+#include "corvane/XXHashChecksumGenerators.hpp"
+#include "corvane/XXHashImplementation.hpp"

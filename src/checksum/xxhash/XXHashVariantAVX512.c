@@ -1,0 +1,13 @@
+/* xxHash compiled for AVX512; the build gives this file the matching -m flags. */
+#define XXH_STATIC_LINKING_ONLY
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "checksum/xxhash/XXHashFunctionTable.h"
+
+#if XXH_VECTOR != XXH_AVX512
+#error "xxHash did not pick the AVX512 code path for this translation unit"
+#endif
+
+const CorvaneXXHashFunctionTable corvane_xxhash_table_avx512 = {
+    CORVANE_XXH_FUNCTIONS(CORVANE_XXH_TABLE_ENTRY)};

@@ -1,0 +1,180 @@
+#include "corvane/ChecksumGenerator.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "checksumsets/FileChunkReader.hpp"
+#include "corvane/ChecksumLookup.hpp"
+#include "corvane/CorvaneChecksumGenerator.hpp"
+#include "dispatch/Group.hpp"
+#include "util/Fatal.hpp"
+
+namespace corvane {
+namespace {
+
+// One generator per algorithm, in the order the algorithms were first listed.
+using GeneratorTable =
+    std::vector<std::pair<ChecksumType, std::shared_ptr<CorvaneChecksumGenerator>>>;
+
+GeneratorTable buildGeneratorTable(const std::vector<ChecksumType>& algorithms) {
+  GeneratorTable table;
+  for (ChecksumType type : algorithms) {
+    auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
+    if (!generator) continue;  // no engine for this value: skipped silently
+    auto existing = std::find_if(table.begin(), table.end(),
+                                 [type](const auto& entry) { return entry.first == type; });
+    if (existing != table.end()) {
+      existing->second = std::move(generator);  // listed twice: the later one replaces
+    } else {
+      table.emplace_back(type, std::move(generator));
+    }
+  }
+  return table;
+}
+
+// Hands `data` to `generator` and blocks until it has been absorbed. The waiting thread runs
+// the generator's queued work itself when no worker holds the queue.
+void feedAndWait(dispatch::Group& group, CorvaneChecksumGenerator& generator,
+                 const SharedBytes& data, const std::function<void()>& onAbsorbed) {
+  group.enter();
+  generator.addDataToChecksum(data, [&group, &onAbsorbed] {
+    if (onAbsorbed) onAbsorbed();
+    group.leave();
+  });
+  group.wait(generator.checksummingQueue());
+}
+
+// Finalizes every generator, one after another, collecting the texts.
+ChecksumLookup finalizeAll(const GeneratorTable& table, dispatch::Group& group) {
+  ChecksumLookup results;
+  for (const auto& [type, generator] : table) {
+    group.enter();
+    generator->finalizeChecksumWithCompletionBlock(
+        [&results, &group, type = type](const std::optional<std::string>& text) {
+          if (text) {
+            results[type] = *text;
+          } else {
+            results.erase(type);
+          }
+          group.leave();
+        });
+    group.wait(generator->checksummingQueue());
+  }
+  return results;
+}
+
+void supplyAll(const GeneratorTable& table, const ChecksumLookup& results,
+               const ChecksumGenerator::ChecksumSupplyBlock& supply) {
+  for (const auto& entry : table) {
+    auto found = results.find(entry.first);
+    if (found != results.end() && supply) supply(found->second, entry.first);
+  }
+}
+
+std::uint64_t checkedByteCount(double total) {
+  if (!std::isfinite(total) || total < 0 ||
+      total >= static_cast<double>(std::numeric_limits<std::uint64_t>::max())) {
+    detail::fatalError("ChecksumGenerator: byte total out of range");
+  }
+  return static_cast<std::uint64_t>(total);
+}
+
+}  // namespace
+
+ChecksumGenerator::ChecksumGenerator(std::vector<ChecksumType> algorithms)
+    : algorithms_(std::move(algorithms)) {}
+
+void ChecksumGenerator::generateChecksumForData(
+    const Bytes& data, const ProgressBlock& progressBlock,
+    const ChecksumSupplyBlock& checksumSupplyBlock) const {
+  const GeneratorTable table = buildGeneratorTable(algorithms_);
+  if (table.empty()) return;
+
+  dispatch::Group group;
+  double total = 0.0;
+  bool stop = false;
+  const std::size_t count = data.size();
+  // The caller's buffer outlives the run, and every task that reads it has finished before the
+  // run returns, so the generators may borrow it instead of a copy.
+  const SharedBytes borrowed(&data, [](const Bytes*) {});
+
+  for (const auto& entry : table) {
+    if (stop) break;
+    feedAndWait(group, *entry.second, borrowed, [&total, count] { total += double(count); });
+    if (count >= 1 && progressBlock) {
+      // Cumulative over algorithms: N algorithms report 1.0 ... N.0.
+      progressBlock(static_cast<float>(total / double(count)), checkedByteCount(total), &stop);
+    }
+  }
+  // A stop still finalizes every generator; unfed ones give the empty-input checksum.
+  const ChecksumLookup results = finalizeAll(table, group);
+  supplyAll(table, results, checksumSupplyBlock);
+}
+
+void ChecksumGenerator::generateChecksumsForFile(
+    const std::string& file, const ProgressBlock& progressBlock,
+    const ChecksumSupplyBlock& checksumSupplyBlock) const {
+  const GeneratorTable table = buildGeneratorTable(algorithms_);
+  if (table.empty()) return;
+
+  dispatch::Group group;
+  std::uint64_t bytesRead = 0;
+  const std::uint64_t fileSize = detail::fileSizeAtPath(file);
+  auto reader = detail::FileChunkReader::open(file);
+  if (!reader) return;
+
+  bool keepReading = true;
+  bool stop = false;
+  while (keepReading) {
+    SharedBytes chunk = reader->readChunk(static_cast<std::size_t>(readSize_));
+    if (!chunk) {
+      keepReading = false;  // end of file, or a read error: keep what was read
+      continue;
+    }
+    for (const auto& entry : table) feedAndWait(group, *entry.second, chunk, nullptr);
+    if (fileSize != 0) {
+      if (bytesRead > std::numeric_limits<std::uint64_t>::max() - chunk->size()) {
+        detail::fatalError("ChecksumGenerator: byte count overflow");
+      }
+      bytesRead += chunk->size();
+      if (progressBlock) {
+        progressBlock(static_cast<float>(double(bytesRead) / double(fileSize)), bytesRead, &stop);
+      }
+    }
+    if (stop) keepReading = false;
+  }
+  if (stop) return;  // a stopped file run supplies nothing
+
+  const ChecksumLookup results = finalizeAll(table, group);
+  reader.reset();
+  supplyAll(table, results, checksumSupplyBlock);
+}
+
+std::optional<std::string> ChecksumGenerator::generateChecksumForData(const Bytes& data,
+                                                                      ChecksumType algorithm) {
+  std::optional<std::string> kept;
+  ChecksumGenerator({algorithm})
+      .generateChecksumForData(
+          data, [](float, std::uint64_t, bool*) {},
+          [&kept, algorithm](const std::string& text, ChecksumType type) {
+            if (type == algorithm) kept = text;
+          });
+  return kept;
+}
+
+std::optional<std::string> ChecksumGenerator::generateChecksumForFile(const std::string& file,
+                                                                      ChecksumType algorithm) {
+  std::optional<std::string> kept;
+  ChecksumGenerator({algorithm})
+      .generateChecksumsForFile(
+          file, [](float, std::uint64_t, bool*) {},
+          [&kept, algorithm](const std::string& text, ChecksumType type) {
+            if (type == algorithm) kept = text;
+          });
+  return kept;
+}
+
+}  // namespace corvane

@@ -1,0 +1,524 @@
+// Runs the built corvane-checksum program on scratch files and compares its output with
+// independent answers: the coreutils md5sum/sha1sum/sha256sum/sha512sum and xxhsum programs, and
+// a byte-at-a-time table CRC written out below.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "corvane/Version.hpp"
+
+#ifndef CORVANE_TOOL_PATH
+#define CORVANE_TOOL_PATH ""
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kToolPath = CORVANE_TOOL_PATH;
+
+#define SKIP_WITHOUT_TOOL()                                                 \
+  do {                                                                      \
+    if (std::string(kToolPath).empty()) {                                   \
+      GTEST_SKIP() << "corvane-checksum was not built (CORVANE_TOOL_PATH)"; \
+    }                                                                       \
+  } while (false)
+
+std::string shellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  return contents.str();
+}
+
+void writeFile(const fs::path& path, const std::string& contents) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+  ASSERT_TRUE(file.good()) << path;
+}
+
+// A private directory under the system's temporary directory, removed with its contents.
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "corvane-tool-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) != nullptr) {
+      path_ = pattern;
+    }
+  }
+  ~ScratchDirectory() {
+    std::error_code ignored;
+    fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
+    fs::remove_all(path_, ignored);
+  }
+  const fs::path& path() const { return path_; }
+  // Writes `contents` to a file called `name` in the directory and returns its path.
+  std::string file(const std::string& name, const std::string& contents) const {
+    const fs::path path = path_ / name;
+    writeFile(path, contents);
+    return path.string();
+  }
+
+ private:
+  fs::path path_;
+};
+
+struct RunResult {
+  std::string out;
+  std::string err;
+  int status = -1;
+};
+
+// Runs a shell command, returning its stdout and exit status; stderr goes to `errPath` if given.
+RunResult runShell(const std::string& command, const fs::path& errPath = {}) {
+  RunResult result;
+  const std::string full =
+      errPath.empty() ? command : command + " 2>" + shellQuote(errPath.string());
+  FILE* pipe = ::popen(full.c_str(), "r");
+  if (pipe == nullptr) {
+    return result;
+  }
+  std::array<char, 65536> buffer{};
+  std::size_t n = 0;
+  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
+    result.out.append(buffer.data(), n);
+  }
+  const int status = ::pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (!errPath.empty()) {
+    result.err = readFile(errPath);
+  }
+  return result;
+}
+
+RunResult runTool(const std::vector<std::string>& arguments) {
+  ScratchDirectory scratch;
+  std::string command = shellQuote(kToolPath);
+  for (const auto& argument : arguments) {
+    command += " " + shellQuote(argument);
+  }
+  return runShell(command, scratch.path() / "stderr");
+}
+
+bool haveProgram(const std::string& name) {
+  return runShell("command -v " + name + " >/dev/null 2>&1").status == 0;
+}
+
+// The checksum a reference program prints for one file: the first word of "<sum>  <path>", or
+// the text after " = " of a tag line "<ALGO> (<path>) = <sum>".
+std::string referenceFromProgram(const std::string& program, const std::string& path) {
+  const std::string line = runShell(program + " " + shellQuote(path) + " 2>/dev/null").out;
+  const std::string firstLine = line.substr(0, line.find('\n'));
+  if (const auto equals = firstLine.rfind(" = "); equals != std::string::npos) {
+    return firstLine.substr(equals + 3);
+  }
+  return firstLine.substr(0, firstLine.find(' '));
+}
+
+// CRC-32 over the reflected polynomial 0xEDB88320 computed one byte at a time with a 256-entry
+// table, register starting at 0 (not all ones), complemented at the end and printed with "%02x"
+// (lowercase, no zero-filling beyond two digits).
+std::string referenceCrc32(const std::string& bytes) {
+  std::array<std::uint32_t, 256> table{};
+  for (std::uint32_t n = 0; n < 256; ++n) {
+    std::uint32_t v = n;
+    for (int k = 0; k < 8; ++k) {
+      v = (v & 1u) ? 0xEDB88320u ^ (v >> 1) : v >> 1;
+    }
+    table[n] = v;
+  }
+  std::uint32_t crc = 0;
+  for (unsigned char byte : bytes) {
+    crc = table[(crc ^ byte) & 0xFFu] ^ (crc >> 8);
+  }
+  char text[16];
+  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
+  return text;
+}
+
+// The reference checksum of the file at `path` for one command-line algorithm name.
+std::string reference(const std::string& algorithm, const std::string& path) {
+  static const std::map<std::string, std::string> kPrograms = {
+      {"md5", "md5sum"},       {"sha1", "sha1sum"},     {"sha256", "sha256sum"},
+      {"sha512", "sha512sum"}, {"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"},
+      {"xxh3", "xxhsum -H3"},
+  };
+  if (algorithm == "crc32") {
+    return referenceCrc32(readFile(path));
+  }
+  return referenceFromProgram(kPrograms.at(algorithm), path);
+}
+
+const std::vector<std::string> kAllAlgorithms = {"md5",   "sha1",  "sha256", "sha512",
+                                                 "crc32", "xxh64", "xxh3",   "xxh128"};
+const std::map<std::string, std::string> kTags = {
+    {"md5", "MD5"},     {"sha1", "SHA1"},   {"sha256", "SHA256"}, {"sha512", "SHA512"},
+    {"crc32", "CRC32"}, {"xxh64", "XXH64"}, {"xxh3", "XXH3"},     {"xxh128", "XXH128"}};
+const std::map<std::string, std::string> kLibraryNames = {
+    {"md5", "MD5"},      {"sha1", "SHA-1"},     {"sha256", "SHA-2 256"}, {"sha512", "SHA-2 512"},
+    {"crc32", "CRC-32"}, {"xxh64", "xxHash64"}, {"xxh3", "xxHash3-64"},  {"xxh128", "xxHash-128"}};
+
+// Deterministic bytes that are not a short repeating pattern (a 64-bit LCG's top byte).
+std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) {
+    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+    byte = static_cast<char>(seed >> 56);
+  }
+  return bytes;
+}
+
+#define SKIP_WITHOUT_REFERENCES()                                            \
+  do {                                                                       \
+    SKIP_WITHOUT_TOOL();                                                     \
+    if (!haveProgram("xxhsum") || !haveProgram("sha256sum")) {               \
+      GTEST_SKIP() << "reference programs xxhsum / coreutils not installed"; \
+    }                                                                        \
+  } while (false)
+
+TEST(CorvaneChecksumTool, DefaultAlgorithmIsXxh64InSumFormat) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("fox.txt", "The quick brown fox jumps over the lazy dog");
+  const RunResult run = runTool({"hash", file});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.out, reference("xxh64", file) + "  " + file + "\n");
+}
+
+TEST(CorvaneChecksumTool, SingleAlgorithmOutputEqualsReferenceProgramOutput) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::vector<std::string> files = {scratch.file("empty", ""), scratch.file("a b.txt", "abc"),
+                                          scratch.file("random.bin", pseudoRandomBytes(300000, 7))};
+  const std::map<std::string, std::string> programs = {
+      {"md5", "md5sum"},       {"sha1", "sha1sum"},     {"sha256", "sha256sum"},
+      {"sha512", "sha512sum"}, {"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"}};
+  std::string quotedFiles;
+  for (const auto& file : files) {
+    quotedFiles += " " + shellQuote(file);
+  }
+  for (const auto& [algorithm, program] : programs) {
+    SCOPED_TRACE(algorithm);
+    std::vector<std::string> arguments = {"hash", "-a", algorithm};
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    const RunResult run = runTool(arguments);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out, runShell(program + quotedFiles + " 2>/dev/null").out);
+  }
+}
+
+TEST(CorvaneChecksumTool, Xxh3AndCrc32MatchReferences) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  for (const auto& contents : {std::string(), std::string("abc"), pseudoRandomBytes(5000, 3)}) {
+    const std::string file = scratch.file("input", contents);
+    for (const std::string algorithm : {"xxh3", "crc32"}) {
+      SCOPED_TRACE(algorithm + " over " + std::to_string(contents.size()) + " bytes");
+      const RunResult run = runTool({"hash", "-a", algorithm, file});
+      EXPECT_EQ(run.status, 0);
+      EXPECT_EQ(run.out, reference(algorithm, file) + "  " + file + "\n");
+    }
+  }
+}
+
+TEST(CorvaneChecksumTool, Crc32IsPrintedWithoutLeadingZeros) {
+  SKIP_WITHOUT_REFERENCES();
+  // Find a short input whose complemented register is below 0x10000000 (about one in sixteen).
+  std::string contents;
+  for (std::uint32_t n = 0;; ++n) {
+    contents = std::to_string(n);
+    if (referenceCrc32(contents).size() < 8) {
+      break;
+    }
+  }
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("short-crc", contents);
+  const RunResult run = runTool({"hash", "-a", "crc32", file});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, referenceCrc32(contents) + "  " + file + "\n");
+  EXPECT_LT(run.out.find("  "), 8u);
+}
+
+TEST(CorvaneChecksumTool, SeveralAlgorithmsUseTagLinesInGivenOrderWithoutDuplicates) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::string first = scratch.file("first.txt", "first file\n");
+  const std::string second = scratch.file("second.bin", pseudoRandomBytes(70000, 11));
+  const RunResult run = runTool(
+      {"hash", "-a", "sha256,md5", "-a", "xxh3,md5", "--algorithm", "SHA256,crc32", first, second});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  std::string expected;
+  for (const auto& file : {first, second}) {
+    for (const std::string algorithm : {"sha256", "md5", "xxh3", "crc32"}) {
+      expected += kTags.at(algorithm) + " (" + file + ") = " + reference(algorithm, file) + "\n";
+    }
+  }
+  EXPECT_EQ(run.out, expected);
+}
+
+TEST(CorvaneChecksumTool, AllAlgorithmsMatchReferencesAcrossReadChunks) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  // 9 MiB + 5 bytes: more than one 8 MiB read.
+  const std::vector<std::string> files = {
+      scratch.file("empty", ""),
+      scratch.file("fox.txt", "The quick brown fox jumps over the lazy dog"),
+      scratch.file("large.bin", pseudoRandomBytes(9 * 1024 * 1024 + 5, 42))};
+  std::vector<std::string> arguments = {"hash", "-a",
+                                        "md5,sha1,sha256,sha512,crc32,xxh64,xxh3,xxh128"};
+  arguments.insert(arguments.end(), files.begin(), files.end());
+  const RunResult run = runTool(arguments);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  std::string expected;
+  for (const auto& file : files) {
+    for (const auto& algorithm : kAllAlgorithms) {
+      expected += kTags.at(algorithm) + " (" + file + ") = " + reference(algorithm, file) + "\n";
+    }
+  }
+  EXPECT_EQ(run.out, expected);
+}
+
+TEST(CorvaneChecksumTool, JsonListsPathAlgorithmNameAndChecksum) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::vector<std::string> files = {scratch.file("one", "1"), scratch.file("two", "22")};
+  const std::vector<std::string> algorithms = {"xxh64", "sha256", "crc32"};
+  const RunResult run = runTool({"hash", "--json", "-a", "xxh64,sha256,crc32", files[0], files[1]});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  const nlohmann::json parsed = nlohmann::json::parse(run.out);
+  ASSERT_TRUE(parsed.is_array());
+  ASSERT_EQ(parsed.size(), files.size() * algorithms.size());
+  std::size_t index = 0;
+  for (const auto& file : files) {
+    for (const auto& algorithm : algorithms) {
+      const nlohmann::json& entry = parsed[index++];
+      ASSERT_TRUE(entry.is_object());
+      EXPECT_EQ(entry.size(), 3u);
+      EXPECT_EQ(entry.at("path"), file);
+      EXPECT_EQ(entry.at("algorithm"), kLibraryNames.at(algorithm));
+      EXPECT_EQ(entry.at("checksum"), reference(algorithm, file));
+    }
+  }
+  // Pretty-printed with two spaces of indentation.
+  EXPECT_EQ(run.out.rfind("[\n  {\n    \"", 0), 0u) << run.out;
+}
+
+TEST(CorvaneChecksumTool, JsonOfOnlyFailedFilesIsEmptyArray) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  const RunResult run = runTool({"hash", "--json", (scratch.path() / "missing").string()});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json::array());
+}
+
+TEST(CorvaneChecksumTool, MissingFileIsReportedAndOtherFilesStillPrinted) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::string before = scratch.file("before", "before");
+  const std::string missing = (scratch.path() / "no-such-file").string();
+  const std::string after = scratch.file("after", "after");
+  const RunResult run = runTool({"hash", "-a", "sha256", before, missing, after});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "corvane-checksum: " + missing + ": No such file or directory\n");
+  EXPECT_EQ(run.out, reference("sha256", before) + "  " + before + "\n" +
+                         reference("sha256", after) + "  " + after + "\n");
+}
+
+TEST(CorvaneChecksumTool, DirectoryIsReported) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("file", "x");
+  const std::string directory = scratch.path().string();
+  const RunResult run = runTool({"hash", "-a", "md5,xxh64", directory, file});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "corvane-checksum: " + directory + ": Is a directory\n");
+  EXPECT_EQ(run.out, "MD5 (" + file + ") = " + reference("md5", file) + "\nXXH64 (" + file +
+                         ") = " + reference("xxh64", file) + "\n");
+}
+
+TEST(CorvaneChecksumTool, UnreadableFileIsReported) {
+  SKIP_WITHOUT_TOOL();
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "root can read any file";
+  }
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("secret", "secret");
+  ASSERT_EQ(::chmod(file.c_str(), 0), 0);
+  const RunResult run = runTool({"hash", file});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "corvane-checksum: " + file + ": Permission denied\n");
+  EXPECT_EQ(run.out, "");
+}
+
+TEST(CorvaneChecksumTool, C4IsEitherComputedOrReportedAsUnavailable) {
+  SKIP_WITHOUT_REFERENCES();
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("file", "c4 input");
+  const RunResult run = runTool({"hash", "-a", "sha512,c4", file});
+  const std::string sha512Line = "SHA512 (" + file + ") = " + reference("sha512", file) + "\n";
+  if (run.status == 0) {
+    EXPECT_EQ(run.err, "");
+    ASSERT_EQ(run.out.rfind(sha512Line, 0), 0u) << run.out;
+    const std::string c4Line = run.out.substr(sha512Line.size());
+    const std::string prefix = "C4 (" + file + ") = c4";
+    ASSERT_EQ(c4Line.rfind(prefix, 0), 0u) << c4Line;
+    EXPECT_EQ(c4Line.size(), prefix.size() - 2 + 90 + 1);  // 90 characters and a newline
+  } else {
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, sha512Line);
+    EXPECT_EQ(run.err, "corvane-checksum: " + file + ": algorithm not available: c4\n");
+  }
+}
+
+TEST(CorvaneChecksumTool, UnknownAlgorithmIsUsageError) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("file", "x");
+  const RunResult run = runTool({"hash", "-a", "md5,whirlpool", file});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_NE(run.err.find("unknown algorithm 'whirlpool'"), std::string::npos) << run.err;
+}
+
+TEST(CorvaneChecksumTool, UnknownOptionIsUsageError) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  const std::string file = scratch.file("file", "x");
+  const RunResult run = runTool({"hash", "--no-such-option", file});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_NE(run.err.find("--no-such-option"), std::string::npos) << run.err;
+}
+
+TEST(CorvaneChecksumTool, UnknownSubcommandIsUsageError) {
+  SKIP_WITHOUT_TOOL();
+  const RunResult run = runTool({"frobnicate"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_NE(run.err.find("frobnicate"), std::string::npos) << run.err;
+}
+
+TEST(CorvaneChecksumTool, HashWithoutPathsIsUsageError) {
+  SKIP_WITHOUT_TOOL();
+  const RunResult run = runTool({"hash", "-a", "md5"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_FALSE(run.err.empty());
+}
+
+TEST(CorvaneChecksumTool, HelpDescribesHashAndExitsZero) {
+  SKIP_WITHOUT_TOOL();
+  const RunResult run = runTool({"--help"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.out.find("hash"), std::string::npos) << run.out;
+  const RunResult hashHelp = runTool({"hash", "--help"});
+  EXPECT_EQ(hashHelp.status, 0);
+  EXPECT_NE(hashHelp.out.find("--json"), std::string::npos) << hashHelp.out;
+  EXPECT_NE(hashHelp.out.find("xxh128"), std::string::npos) << hashHelp.out;
+}
+
+TEST(CorvaneChecksumTool, VersionPrintsLibraryVersionText) {
+  SKIP_WITHOUT_TOOL();
+  const RunResult run = runTool({"--version"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, std::string(corvane::CorvaneSecurityVersionString) + "\n");
+}
+
+// The built-in sample's 1 MiB file: the top byte of a 32-bit LCG with the Numerical Recipes
+// constants, starting from state 1 (as the tool documents it).
+std::string samplePattern() {
+  std::string bytes(1024 * 1024, '\0');
+  std::uint32_t state = 1;
+  for (char& byte : bytes) {
+    state = state * 1664525u + 1013904223u;
+    byte = static_cast<char>(state >> 24);
+  }
+  return bytes;
+}
+
+TEST(CorvaneChecksumTool, NoArgumentsChecksumsBuiltinSampleWithEveryAlgorithm) {
+  SKIP_WITHOUT_REFERENCES();
+  const RunResult run = runTool({});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+
+  // Recreate the sample's contents here to compute the reference values.
+  ScratchDirectory scratch;
+  const std::map<std::string, std::string> samplePaths = {
+      {"empty", scratch.file("empty", "")},
+      {"quick-brown-fox.txt",
+       scratch.file("quick-brown-fox.txt", "The quick brown fox jumps over the lazy dog")},
+      {"pattern-1MiB.bin", scratch.file("pattern-1MiB.bin", samplePattern())}};
+
+  std::istringstream lines(run.out);
+  std::string line;
+  std::vector<std::pair<std::string, std::string>> seen;  // (file name, tag)
+  std::set<std::string> directories;
+  std::map<std::string, std::string> algorithmByTag;
+  for (const auto& [algorithm, tag] : kTags) {
+    algorithmByTag[tag] = algorithm;
+  }
+  while (std::getline(lines, line)) {
+    if (line.empty() || line[0] == '#') {
+      continue;
+    }
+    const auto open = line.find(" (");
+    const auto close = line.rfind(") = ");
+    ASSERT_NE(open, std::string::npos) << line;
+    ASSERT_NE(close, std::string::npos) << line;
+    const std::string tag = line.substr(0, open);
+    const fs::path path = line.substr(open + 2, close - open - 2);
+    const std::string checksum = line.substr(close + 4);
+    ASSERT_TRUE(algorithmByTag.count(tag)) << line;
+    ASSERT_TRUE(samplePaths.count(path.filename().string())) << line;
+    EXPECT_EQ(checksum, reference(algorithmByTag.at(tag), samplePaths.at(path.filename().string())))
+        << line;
+    seen.emplace_back(path.filename().string(), tag);
+    directories.insert(path.parent_path().string());
+  }
+  // Every file with every algorithm, in file order and then algorithm order.
+  std::vector<std::pair<std::string, std::string>> expected;
+  for (const std::string name : {"empty", "quick-brown-fox.txt", "pattern-1MiB.bin"}) {
+    for (const auto& algorithm : kAllAlgorithms) {
+      expected.emplace_back(name, kTags.at(algorithm));
+    }
+  }
+  EXPECT_EQ(seen, expected);
+  // One temporary directory, removed at the end.
+  ASSERT_EQ(directories.size(), 1u);
+  EXPECT_FALSE(fs::exists(*directories.begin()));
+}
+
+}  // namespace
