@@ -1,9 +1,11 @@
 // Throughput and overhead of the streaming checksum generators.
 //
-// Benchmarks (all timed in wall-clock time, because the hashing may run on a pool worker while the
-// benchmark thread only waits):
+// Benchmarks (rates use wall-clock time, because the hashing may run on a pool worker while the
+// benchmark thread only waits; the reported CPU time is that of the whole process, all threads):
 //   Generator/<alg>                 one generator per iteration over an 8 MiB buffer: add the whole
 //                                   buffer, finalize, wait for the completion callback.
+//   GeneratorFixedCost/<alg>        the same with an empty buffer: what a generator costs besides
+//                                   hashing (creation, two hand-offs, finalization, wait).
 //   GeneratorForced/<alg>/<isa>     the same for XXH3-64 and XXH3-128 with the xxHash build forced
 //                                   to sse2, avx2 or avx512 (only the variants this CPU supports).
 //   Raw/<alg>/<size>                the backend the library uses (OpenSSL EVP, ISA-L, the xxHash
@@ -60,10 +62,14 @@ struct Algorithm {
 
 const std::vector<Algorithm>& algorithms() {
   static const std::vector<Algorithm> list = {
-      {"MD5", corvane::ChecksumTypeMD5},           {"CRC32", corvane::ChecksumTypeCRC32},
-      {"SHA1", corvane::ChecksumTypeSHA1},         {"SHA256", corvane::ChecksumTypeSHA256},
-      {"SHA512", corvane::ChecksumTypeSHA512},     {"XXH64", corvane::ChecksumTypeXXHash64},
-      {"XXH3-64", corvane::ChecksumTypeXXHashH364}, {"XXH3-128", corvane::ChecksumTypeXXHashH3128},
+      {"MD5", corvane::ChecksumTypeMD5},
+      {"CRC32", corvane::ChecksumTypeCRC32},
+      {"SHA1", corvane::ChecksumTypeSHA1},
+      {"SHA256", corvane::ChecksumTypeSHA256},
+      {"SHA512", corvane::ChecksumTypeSHA512},
+      {"XXH64", corvane::ChecksumTypeXXHash64},
+      {"XXH3-64", corvane::ChecksumTypeXXHashH364},
+      {"XXH3-128", corvane::ChecksumTypeXXHashH3128},
   };
   return list;
 }
@@ -74,7 +80,8 @@ SharedBytes randomBytes(std::size_t size) {
   std::mt19937_64 random(0x5eed);
   for (std::size_t i = 0; i < size; i += 8) {
     const std::uint64_t word = random();
-    for (std::size_t j = 0; j < 8 && i + j < size; ++j) (*bytes)[i + j] = std::uint8_t(word >> (8 * j));
+    for (std::size_t j = 0; j < 8 && i + j < size; ++j)
+      (*bytes)[i + j] = std::uint8_t(word >> (8 * j));
   }
   return bytes;
 }
@@ -90,8 +97,8 @@ const SharedBytes& chunk() {
 }
 
 // Finalizes `generator` and waits for its text (helping its queue like the library's callers).
-std::optional<std::string> finalizeAndWait(const std::shared_ptr<CorvaneChecksumGenerator>& generator,
-                                           dispatch::Group& group) {
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator, dispatch::Group& group) {
   std::optional<std::string> text;
   group.enter();
   generator->finalizeChecksumWithCompletionBlock([&text, &group](const auto& checksum) {
@@ -117,6 +124,20 @@ void generatorThroughput(benchmark::State& state, ChecksumType type) {
   state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(data->size()));
 }
 
+// The fixed cost of one generator: create, add an empty buffer, finalize, wait. This is what the
+// full path pays on top of hashing for every buffer.
+void generatorFixedCost(benchmark::State& state, ChecksumType type) {
+  static const SharedBytes empty = std::make_shared<const Bytes>();
+  dispatch::Group group;
+  for (auto _ : state) {
+    auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
+    group.enter();
+    generator->addDataToChecksum(empty, [&group] { group.leave(); });
+    auto text = finalizeAndWait(generator, group);
+    benchmark::DoNotOptimize(text);
+  }
+}
+
 void forcedGeneratorThroughput(benchmark::State& state, ChecksumType type,
                                XXHashImplementation variant) {
   const XXHashImplementation previous = corvane::activeXXHashImplementation();
@@ -138,7 +159,9 @@ class RawHasher {
  public:
   explicit RawHasher(ChecksumType type) {
     if (type == corvane::ChecksumTypeCRC32) {
-      update_ = [this](const std::uint8_t* p, std::size_t n) { crc_ = crc32_gzip_refl(crc_, p, n); };
+      update_ = [this](const std::uint8_t* p, std::size_t n) {
+        crc_ = crc32_gzip_refl(crc_, p, n);
+      };
     } else if (type == corvane::ChecksumTypeXXHash64) {
       xxh64_ = XXH64_createState();
       XXH64_reset(xxh64_, 0);
@@ -273,14 +296,22 @@ void registerAll() {
   using std::string;
   const auto registerRealTime = [](const string& name, auto&& function) {
     return benchmark::RegisterBenchmark(name.c_str(), std::forward<decltype(function)>(function))
+        ->MeasureProcessCPUTime()
         ->UseRealTime();
   };
 
   for (const auto& algorithm : algorithms()) {
     const ChecksumType type = algorithm.type;
-    registerRealTime(string("Generator/") + algorithm.name,
-                     [type](benchmark::State& state) { generatorThroughput(state, type); })
-        ->Unit(benchmark::kMillisecond);
+    registerRealTime(string("Generator/") + algorithm.name, [type](benchmark::State& state) {
+      generatorThroughput(state, type);
+    })->Unit(benchmark::kMillisecond);
+  }
+  for (const auto& algorithm : algorithms()) {
+    const ChecksumType type = algorithm.type;
+    registerRealTime(string("GeneratorFixedCost/") + algorithm.name, [type](
+                                                                         benchmark::State& state) {
+      generatorFixedCost(state, type);
+    })->Unit(benchmark::kMicrosecond);
   }
   for (const auto& algorithm : algorithms()) {
     const ChecksumType type = algorithm.type;
@@ -290,44 +321,38 @@ void registerAll() {
     for (auto variant :
          {XXHashImplementation::sse2, XXHashImplementation::avx2, XXHashImplementation::avx512}) {
       if (!corvane::isXXHashImplementationSupported(variant)) continue;
-      registerRealTime(
-          string("GeneratorForced/") + algorithm.name + "/" +
-              corvane::xxHashImplementationName(variant),
-          [type, variant](benchmark::State& state) {
-            forcedGeneratorThroughput(state, type, variant);
-          })
+      registerRealTime(string("GeneratorForced/") + algorithm.name + "/" +
+                           corvane::xxHashImplementationName(variant),
+                       [type, variant](benchmark::State& state) {
+                         forcedGeneratorThroughput(state, type, variant);
+                       })
           ->Unit(benchmark::kMillisecond);
     }
   }
   for (const auto& algorithm : algorithms()) {
     const ChecksumType type = algorithm.type;
-    registerRealTime(string("Raw/") + algorithm.name + "/8388608",
-                     [type](benchmark::State& state) { rawThroughput(state, type, bigBuffer()); })
-        ->Unit(benchmark::kMillisecond);
+    registerRealTime(string("Raw/") + algorithm.name + "/8388608", [type](benchmark::State& state) {
+      rawThroughput(state, type, bigBuffer());
+    })->Unit(benchmark::kMillisecond);
   }
   for (const auto& algorithm : algorithms()) {
     const ChecksumType type = algorithm.type;
-    registerRealTime(string("Raw/") + algorithm.name + "/1024",
-                     [type](benchmark::State& state) { rawThroughput(state, type, chunk()); })
-        ->Unit(benchmark::kMicrosecond);
-    registerRealTime(string("ChunkAddThenWait/") + algorithm.name,
-                     [type](benchmark::State& state) { chunkAddThenWait(state, type); })
-        ->Unit(benchmark::kMicrosecond);
+    registerRealTime(string("Raw/") + algorithm.name + "/1024", [type](benchmark::State& state) {
+      rawThroughput(state, type, chunk());
+    })->Unit(benchmark::kMicrosecond);
+    registerRealTime(string("ChunkAddThenWait/") + algorithm.name, [type](benchmark::State& state) {
+      chunkAddThenWait(state, type);
+    })->Unit(benchmark::kMicrosecond);
   }
 
-  benchmark::RegisterBenchmark("DispatchAsyncWaitHelped", dispatchAsyncWaitHelped)
-      ->UseRealTime()
+  registerRealTime("DispatchAsyncWaitHelped", dispatchAsyncWaitHelped)
       ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("DispatchAsyncWaitNoHelp", dispatchAsyncWaitNoHelp)
-      ->UseRealTime()
+  registerRealTime("DispatchAsyncWaitNoHelp", dispatchAsyncWaitNoHelp)
       ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("DispatchAsyncBatch", dispatchAsyncBatch)
+  registerRealTime("DispatchAsyncBatch", dispatchAsyncBatch)
       ->Arg(64)
-      ->UseRealTime()
       ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("DispatchSync", dispatchSync)
-      ->UseRealTime()
-      ->Unit(benchmark::kMicrosecond);
+  registerRealTime("DispatchSync", dispatchSync)->Unit(benchmark::kMicrosecond);
 
   const std::vector<std::pair<string, std::vector<ChecksumType>>> sets = {
       {"MD5+SHA1+SHA256+CRC32",
@@ -339,9 +364,9 @@ void registerAll() {
       {"CRC32", {corvane::ChecksumTypeCRC32}},
   };
   for (const auto& [name, types] : sets) {
-    registerRealTime("ChecksumGeneratorBuffer/" + name,
-                     [types](benchmark::State& state) { checksumGeneratorBuffer(state, types); })
-        ->Unit(benchmark::kMillisecond);
+    registerRealTime("ChecksumGeneratorBuffer/" + name, [types](benchmark::State& state) {
+      checksumGeneratorBuffer(state, types);
+    })->Unit(benchmark::kMillisecond);
   }
 }
 
@@ -351,8 +376,8 @@ int main(int argc, char** argv) {
   registerAll();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::AddCustomContext("xxhash_default",
-                              corvane::xxHashImplementationName(corvane::activeXXHashImplementation()));
+  benchmark::AddCustomContext(
+      "xxhash_default", corvane::xxHashImplementationName(corvane::activeXXHashImplementation()));
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;

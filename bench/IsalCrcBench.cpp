@@ -27,7 +27,12 @@ void isalCrc32GzipRefl(benchmark::State& state) {
   state.SetBytesProcessed(std::int64_t(state.iterations()) * state.range(0));
 }
 
-BENCHMARK(isalCrc32GzipRefl)->Name("IsalCrc32GzipRefl")->Arg(1024)->Arg(8388608)->UseRealTime();
+BENCHMARK(isalCrc32GzipRefl)
+    ->Name("IsalCrc32GzipRefl")
+    ->Arg(1024)
+    ->Arg(8388608)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 }  // namespace
 

@@ -52,7 +52,7 @@ std::unique_ptr<BuiltinSample> BuiltinSample::create(std::ostream& log) {
     std::string description;
   };
   const SampleFile files[] = {
-      {"empty", "", "no bytes"},
+      {"empty", "", ""},
       {"quick-brown-fox.txt", std::string(kFoxText), "the text \"" + std::string(kFoxText) + "\""},
       {"pattern-1MiB.bin", patternBytes(), "a deterministic byte pattern"},
   };
@@ -60,8 +60,11 @@ std::unique_ptr<BuiltinSample> BuiltinSample::create(std::ostream& log) {
     const auto path = sample->directory_ / file.name;
     writeFile(path, file.contents);
     sample->paths_.push_back(path.string());
-    log << "#   " << file.name << ": " << file.contents.size() << " bytes, " << file.description
-        << '\n';
+    log << "#   " << file.name << ": " << file.contents.size() << " bytes";
+    if (!file.description.empty()) {
+      log << ", " << file.description;
+    }
+    log << '\n';
   }
   return sample;
 }

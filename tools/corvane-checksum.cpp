@@ -91,13 +91,14 @@ int run(int argc, char** argv) {
   std::vector<std::string> paths;
   CLI::App* hash = app.add_subcommand("hash", "Print checksums of files");
   hash->add_option("-a,--algorithm", algorithmValues,
-                   "Algorithm(s) to compute, comma-separated and/or repeated, in output order: " +
-                       corvane::tool::knownAlgorithmNames() + " (default: xxh64)")
+                   "Algorithms to compute, comma-separated and/or repeated, printed in the "
+                   "order given (default: xxh64). Known: " +
+                       corvane::tool::knownAlgorithmNames())
       ->delimiter(',')
       ->allow_extra_args(false)
       ->type_name("ALGO[,ALGO...]");
   hash->add_flag("--json", json, "Print one JSON array of {path, algorithm, checksum} objects");
-  hash->add_option("paths", paths, "Files to checksum")->required()->type_name("PATH");
+  hash->add_option("PATH", paths, "Files to checksum")->required()->type_name("");
   hash->footer(
       "Output: '<checksum>  <path>' with one algorithm, '<ALGO> (<path>) = <checksum>' with "
       "several.\nExit status: 0 all files checksummed, 1 a file failed, 2 usage error.");

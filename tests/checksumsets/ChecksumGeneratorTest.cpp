@@ -1,0 +1,820 @@
+// The multi-algorithm ChecksumGenerator: buffer form, file form and the single-algorithm
+// conveniences. Every checksum is compared with a reference computed here independently of the
+// library's generators: OpenSSL's one-shot EVP_Digest for MD5 and SHA, the one-shot xxHash
+// functions XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32 and a base-58
+// conversion of the SHA-512 digest for C4.
+//
+// Whether the file form opened or read a file is observed with inotify (IN_OPEN, IN_ACCESS):
+// the kernel queues those events synchronously with the open() and read() calls.
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <xxhash.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "corvane/ChecksumGenerator.hpp"
+#include "corvane/ChecksumType.hpp"
+#include "support/Vectors.hpp"
+
+namespace corvane {
+namespace {
+
+constexpr std::uint64_t kMiB = 1024 * 1024;
+constexpr std::uint64_t kReadSize = 8388608;  // the file form's chunk size, 8 MiB
+
+// The nine algorithms that have a generator (SR Sum, 64, has none).
+const std::vector<ChecksumType>& algorithmsWithAGenerator() {
+  static const std::vector<ChecksumType> all = {
+      ChecksumTypeMD5,    ChecksumTypeXXHash64, ChecksumTypeCRC32,
+      ChecksumTypeSHA1,   ChecksumTypeSHA256,   ChecksumTypeSHA512,
+      ChecksumTypeC4,     ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
+  return all;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Independent references.
+
+std::vector<unsigned char> evpDigest(const EVP_MD* md, const Bytes& data) {
+  std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
+  unsigned int length = 0;
+  if (EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr) != 1) {
+    ADD_FAILURE() << "EVP_Digest failed";
+    return {};
+  }
+  digest.resize(length);
+  return digest;
+}
+
+std::string hexOf(const std::vector<unsigned char>& bytes) {
+  std::string text;
+  char pair[3];
+  for (unsigned char byte : bytes) {
+    std::snprintf(pair, sizeof pair, "%02x", byte);
+    text += pair;
+  }
+  return text;
+}
+
+// Reflected CRC-32 (polynomial 0x04C11DB7, table of 0xEDB88320), register starting at 0 and
+// complemented at the end, printed with "%02x" (so without leading zeros beyond two digits).
+std::string crc32Reference(const Bytes& data) {
+  static const std::array<std::uint32_t, 256> table = [] {
+    std::array<std::uint32_t, 256> entries{};
+    for (std::uint32_t n = 0; n < 256; ++n) {
+      std::uint32_t value = n;
+      for (int bit = 0; bit < 8; ++bit) value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
+      entries[n] = value;
+    }
+    return entries;
+  }();
+  std::uint32_t crc = 0;
+  for (std::uint8_t byte : data) crc = table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
+  char text[16];
+  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
+  return text;
+}
+
+// "c4" followed by the SHA-512 digest as a base-58 number, left-filled with "1" to 88 digits.
+std::string c4Reference(const Bytes& data) {
+  static const char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
+  std::vector<unsigned char> number = evpDigest(EVP_sha512(), data);  // big-endian
+  std::string digits;
+  for (;;) {
+    std::size_t first = 0;
+    while (first < number.size() && number[first] == 0) ++first;
+    if (first == number.size()) break;
+    unsigned remainder = 0;
+    for (std::size_t i = first; i < number.size(); ++i) {
+      const unsigned value = remainder * 256 + number[i];
+      number[i] = static_cast<unsigned char>(value / 58);
+      remainder = value % 58;
+    }
+    digits.insert(digits.begin(), kAlphabet[remainder]);
+  }
+  while (digits.size() < 88) digits.insert(digits.begin(), '1');
+  return "c4" + digits;
+}
+
+std::string referenceChecksum(ChecksumType type, const Bytes& data) {
+  char text[40];
+  switch (type.rawValue()) {
+    case 1:
+      return hexOf(evpDigest(EVP_md5(), data));
+    case 2: {
+      const unsigned long long hash = XXH64(data.data(), data.size(), 0);
+      std::snprintf(text, sizeof text, "%016llx", hash);
+      return text;
+    }
+    case 4:
+      return crc32Reference(data);
+    case 8:
+      return hexOf(evpDigest(EVP_sha1(), data));
+    case 16:
+      return hexOf(evpDigest(EVP_sha256(), data));
+    case 32:
+      return hexOf(evpDigest(EVP_sha512(), data));
+    case 128:
+      return c4Reference(data);
+    case 256: {
+      const unsigned long long hash = XXH3_64bits(data.data(), data.size());
+      std::snprintf(text, sizeof text, "%016llx", hash);
+      return text;
+    }
+    case 512: {
+      const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
+      std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(hash.high64),
+                    static_cast<unsigned long long>(hash.low64));
+      return text;
+    }
+    default:
+      ADD_FAILURE() << "no reference for raw value " << type.rawValue();
+      return {};
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Recording a run.
+
+struct ProgressCall {
+  float fraction;
+  std::uint64_t bytes;
+};
+
+struct SuppliedChecksum {
+  std::string text;
+  ChecksumType type;
+};
+
+struct Recording {
+  std::vector<ProgressCall> progress;
+  std::vector<SuppliedChecksum> supplied;
+  bool calledOffTheCallersThread = false;
+
+  bool empty() const { return progress.empty() && supplied.empty(); }
+  std::optional<std::string> textFor(ChecksumType type) const {
+    std::optional<std::string> found;
+    for (const auto& entry : supplied) {
+      if (entry.type == type) found = entry.text;
+    }
+    return found;
+  }
+  int supplyCallsFor(ChecksumType type) const {
+    int calls = 0;
+    for (const auto& entry : supplied) calls += entry.type == type ? 1 : 0;
+    return calls;
+  }
+};
+
+// Sets the stop flag in progress call number `stopAtCall` (1-based; 0 never stops). `onProgress`
+// runs inside every progress call before the flag is set.
+struct RunOptions {
+  int stopAtCall = 0;
+  std::function<void()> onProgress;
+};
+
+ChecksumGenerator::ProgressBlock recordProgress(Recording& recording, const RunOptions& options) {
+  const auto caller = std::this_thread::get_id();
+  return [&recording, &options, caller](float fraction, std::uint64_t bytes, bool* stop) {
+    if (std::this_thread::get_id() != caller) recording.calledOffTheCallersThread = true;
+    recording.progress.push_back({fraction, bytes});
+    if (options.onProgress) options.onProgress();
+    if (options.stopAtCall != 0 && int(recording.progress.size()) == options.stopAtCall) {
+      *stop = true;
+    }
+  };
+}
+
+ChecksumGenerator::ChecksumSupplyBlock recordSupply(Recording& recording) {
+  const auto caller = std::this_thread::get_id();
+  return [&recording, caller](const std::string& text, ChecksumType type) {
+    if (std::this_thread::get_id() != caller) recording.calledOffTheCallersThread = true;
+    recording.supplied.push_back({text, type});
+  };
+}
+
+Recording runOnData(const std::vector<ChecksumType>& algorithms, const Bytes& data,
+                    const RunOptions& options = {}) {
+  Recording recording;
+  ChecksumGenerator(algorithms).generateChecksumForData(data, recordProgress(recording, options),
+                                                        recordSupply(recording));
+  return recording;
+}
+
+Recording runOnFile(const std::vector<ChecksumType>& algorithms, const std::string& path,
+                    const RunOptions& options = {}) {
+  Recording recording;
+  ChecksumGenerator(algorithms).generateChecksumsForFile(path, recordProgress(recording, options),
+                                                         recordSupply(recording));
+  return recording;
+}
+
+// Every algorithm of `algorithms` supplied exactly once with the reference checksum of `data`.
+void expectReferenceChecksums(const Recording& recording,
+                              const std::vector<ChecksumType>& algorithms, const Bytes& data) {
+  EXPECT_EQ(recording.supplied.size(), algorithms.size());
+  for (ChecksumType type : algorithms) {
+    SCOPED_TRACE("algorithm " + type.name());
+    EXPECT_EQ(recording.supplyCallsFor(type), 1);
+    EXPECT_EQ(recording.textFor(type), referenceChecksum(type, data));
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files.
+
+// A fresh directory under the test temporary directory, removed with its content at the end.
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::string pattern = ::testing::TempDir() + "corvane-checksum-generator-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      ADD_FAILURE() << "mkdtemp failed: " << std::strerror(errno);
+    }
+    path_ = pattern;
+  }
+  ~ScratchDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  std::string path() const { return path_.string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+void writeFile(const std::string& path, const Bytes& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(content.data()),
+            static_cast<std::streamsize>(content.size()));
+  ASSERT_TRUE(out.good()) << "cannot write " << path;
+}
+
+Bytes readWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Bytes randomContent(std::size_t size) {
+  std::mt19937_64 random(testsupport::randomTestSeed());
+  return testsupport::randomBytes(random, size);
+}
+
+// Counts the opens and reads of one file, as queued by the kernel since the last drain().
+class FileAccessWatch {
+ public:
+  explicit FileAccessWatch(const std::string& path) {
+    descriptor_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (descriptor_ >= 0 && ::inotify_add_watch(descriptor_, path.c_str(), IN_OPEN | IN_ACCESS) < 0) {
+      ::close(descriptor_);
+      descriptor_ = -1;
+    }
+  }
+  ~FileAccessWatch() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  FileAccessWatch(const FileAccessWatch&) = delete;
+  FileAccessWatch& operator=(const FileAccessWatch&) = delete;
+
+  bool usable() const { return descriptor_ >= 0; }
+
+  struct Events {
+    int opens = 0;
+    int reads = 0;  // identical consecutive events are merged: "at least one read" only
+  };
+  Events drain() {
+    Events events;
+    alignas(struct inotify_event) char buffer[4096];
+    for (;;) {
+      const ssize_t length = ::read(descriptor_, buffer, sizeof buffer);
+      if (length <= 0) break;
+      for (ssize_t offset = 0; offset < length;) {
+        const auto* event = reinterpret_cast<const struct inotify_event*>(buffer + offset);
+        if (event->mask & IN_OPEN) ++events.opens;
+        if (event->mask & IN_ACCESS) ++events.reads;
+        offset += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
+      }
+    }
+    return events;
+  }
+
+ private:
+  int descriptor_ = -1;
+};
+
+#define SKIP_UNLESS_USABLE(watch) \
+  if (!(watch).usable()) GTEST_SKIP() << "inotify is not available here"
+
+// ---------------------------------------------------------------------------------------------
+// Self-checks of the references.
+
+TEST(ChecksumGeneratorReference, ReferencesGiveTheLibrarysEmptyInputTexts) {
+  // Checks the references themselves (formatting included) against the empty-input texts that
+  // ChecksumType publishes for each algorithm.
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    SCOPED_TRACE("algorithm " + type.name());
+    EXPECT_EQ(referenceChecksum(type, {}), type.emptyChecksumValue());
+  }
+  // MD5 of "" from RFC 1321, appendix A.5.
+  EXPECT_EQ(referenceChecksum(ChecksumTypeMD5, {}), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The value type.
+
+TEST(ChecksumGenerator, KeepsTheAlgorithmListAndReadsEightMiBAtATime) {
+  const std::vector<ChecksumType> list = {ChecksumTypeSHA256, ChecksumTypeMD5, ChecksumTypeSHA256};
+  const ChecksumGenerator generator(list);
+  EXPECT_EQ(generator.algorithms(), list);
+  EXPECT_EQ(generator.readSize(), 8388608);
+  EXPECT_EQ(ChecksumGenerator::kDefaultReadSize, 8388608);
+}
+
+TEST(ChecksumGenerator, ValueMayRunManyTimesWithTheSameResults) {
+  const ChecksumGenerator generator({ChecksumTypeMD5, ChecksumTypeXXHash64});
+  const Bytes data = testsupport::bytesOf("the same value, run twice");
+  for (int run = 0; run < 3; ++run) {
+    Recording recording;
+    generator.generateChecksumForData(data, recordProgress(recording, {}), recordSupply(recording));
+    expectReferenceChecksums(recording, {ChecksumTypeMD5, ChecksumTypeXXHash64}, data);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Buffer form.
+
+TEST(ChecksumGeneratorData, EmptyAlgorithmListGivesNoCallback) {
+  EXPECT_TRUE(runOnData({}, testsupport::bytesOf("some bytes")).empty());
+}
+
+TEST(ChecksumGeneratorData, AlgorithmsWithoutAGeneratorGiveNoCallback) {
+  // SR Sum (64) has a name but no generator; 0, masks (3, 0xFFFF) and unknown bits (1024) none.
+  const std::vector<ChecksumType> noGenerator = {ChecksumTypeSRSum, ChecksumTypeNone, ChecksumType(3),
+                                                 ChecksumType(1024), ChecksumType(0xFFFF)};
+  EXPECT_TRUE(runOnData(noGenerator, testsupport::bytesOf("some bytes")).empty());
+  EXPECT_TRUE(runOnData({ChecksumTypeSRSum}, {}).empty());
+}
+
+TEST(ChecksumGeneratorData, AlgorithmsWithoutAGeneratorAreSkippedBesideOthers) {
+  const Bytes data = testsupport::bytesOf("skip the ones without an engine");
+  const Recording recording =
+      runOnData({ChecksumTypeSRSum, ChecksumTypeMD5, ChecksumType(1024)}, data);
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  expectReferenceChecksums(recording, {ChecksumTypeMD5}, data);
+}
+
+TEST(ChecksumGeneratorData, SameAlgorithmTwiceGivesOneSupplyCall) {
+  const Bytes data = testsupport::bytesOf("listed twice");
+  const Recording recording = runOnData({ChecksumTypeSHA1, ChecksumTypeSHA1}, data);
+  // One generator, so one hand-off and one progress call.
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[0].bytes, data.size());
+  expectReferenceChecksums(recording, {ChecksumTypeSHA1}, data);
+}
+
+TEST(ChecksumGeneratorData, EmptyBufferGivesNoProgressAndTheEmptyInputChecksums) {
+  const Recording recording = runOnData(algorithmsWithAGenerator(), {});
+  EXPECT_TRUE(recording.progress.empty());
+  expectReferenceChecksums(recording, algorithmsWithAGenerator(), {});
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(recording.textFor(type), type.emptyChecksumValue()) << type.name();
+  }
+}
+
+TEST(ChecksumGeneratorData, ThreeAlgorithmsOverTenBytesReportCumulativeProgress) {
+  const Bytes data = testsupport::bytesOf("0123456789");
+  const std::vector<ChecksumType> three = {ChecksumTypeMD5, ChecksumTypeCRC32, ChecksumTypeSHA256};
+  const Recording recording = runOnData(three, data);
+  ASSERT_EQ(recording.progress.size(), 3u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[0].bytes, 10u);
+  EXPECT_EQ(recording.progress[1].fraction, 2.0f);
+  EXPECT_EQ(recording.progress[1].bytes, 20u);
+  EXPECT_EQ(recording.progress[2].fraction, 3.0f);
+  EXPECT_EQ(recording.progress[2].bytes, 30u);
+  expectReferenceChecksums(recording, three, data);
+}
+
+TEST(ChecksumGeneratorData, StopAfterTheFirstAlgorithmStillSuppliesAllThree) {
+  const Bytes data = testsupport::bytesOf("stopped after the first algorithm");
+  const std::vector<ChecksumType> three = {ChecksumTypeSHA1, ChecksumTypeXXHash64,
+                                           ChecksumTypeSHA512};
+  RunOptions options;
+  options.stopAtCall = 1;
+  const Recording recording = runOnData(three, data, options);
+
+  EXPECT_EQ(recording.progress.size(), 1u);
+  ASSERT_EQ(recording.supplied.size(), 3u);
+  // Which generator is fed first is not defined: one of the three carries the checksum of the
+  // data, the two unfed ones the checksum of empty input.
+  int fed = 0;
+  int unfed = 0;
+  for (ChecksumType type : three) {
+    SCOPED_TRACE("algorithm " + type.name());
+    ASSERT_EQ(recording.supplyCallsFor(type), 1);
+    const std::string text = *recording.textFor(type);
+    if (text == referenceChecksum(type, data)) {
+      ++fed;
+    } else {
+      EXPECT_EQ(text, type.emptyChecksumValue());
+      ++unfed;
+    }
+  }
+  EXPECT_EQ(fed, 1);
+  EXPECT_EQ(unfed, 2);
+}
+
+TEST(ChecksumGeneratorData, StopAfterTheSecondAlgorithmLeavesOneUnfed) {
+  const Bytes data = testsupport::bytesOf("stopped after the second algorithm");
+  const std::vector<ChecksumType> three = {ChecksumTypeMD5, ChecksumTypeXXHashH364,
+                                           ChecksumTypeCRC32};
+  RunOptions options;
+  options.stopAtCall = 2;
+  const Recording recording = runOnData(three, data, options);
+  EXPECT_EQ(recording.progress.size(), 2u);
+  ASSERT_EQ(recording.supplied.size(), 3u);
+  int fed = 0;
+  for (ChecksumType type : three) {
+    const std::string text = *recording.textFor(type);
+    if (text == referenceChecksum(type, data)) {
+      ++fed;
+    } else {
+      EXPECT_EQ(text, type.emptyChecksumValue()) << type.name();
+    }
+  }
+  EXPECT_EQ(fed, 2);
+}
+
+TEST(ChecksumGeneratorData, BufferLargerThanTheReadSizeIsHandedOverWhole) {
+  const Bytes data = randomContent(kReadSize + 4096);
+  const Recording recording = runOnData({ChecksumTypeXXHash64}, data);
+  // One hand-off of the whole buffer: a single progress call covering all of it.
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[0].bytes, data.size());
+  expectReferenceChecksums(recording, {ChecksumTypeXXHash64}, data);
+}
+
+TEST(ChecksumGeneratorData, AllAlgorithmsInOneRunMatchIndependentReferences) {
+  const Bytes data = randomContent(1 * kMiB + 3);
+  const Recording recording = runOnData(algorithmsWithAGenerator(), data);
+  ASSERT_EQ(recording.progress.size(), 9u);
+  for (std::size_t i = 0; i < 9; ++i) {
+    EXPECT_EQ(recording.progress[i].fraction, float(i + 1));
+    EXPECT_EQ(recording.progress[i].bytes, (i + 1) * data.size());
+  }
+  expectReferenceChecksums(recording, algorithmsWithAGenerator(), data);
+}
+
+TEST(ChecksumGeneratorData, CallbacksRunOnTheCallersThread) {
+  const Bytes data = randomContent(64 * 1024);
+  const Recording recording = runOnData(algorithmsWithAGenerator(), data);
+  EXPECT_EQ(recording.supplied.size(), 9u);
+  EXPECT_FALSE(recording.calledOffTheCallersThread);
+}
+
+TEST(ChecksumGeneratorData, MissingCallbacksAreAccepted) {
+  // Without a progress callback nobody can stop the run; without a supply callback the results
+  // are dropped. Neither may crash.
+  ChecksumGenerator(algorithmsWithAGenerator())
+      .generateChecksumForData(testsupport::bytesOf("no callbacks"), nullptr, nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// File form.
+
+TEST(ChecksumGeneratorFile, EmptyAlgorithmListGivesNoCallbackAndDoesNotOpenTheFile) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  writeFile(path, testsupport::bytesOf("never opened"));
+  FileAccessWatch watch(path);
+  SKIP_UNLESS_USABLE(watch);
+
+  EXPECT_TRUE(runOnFile({}, path).empty());
+  EXPECT_EQ(watch.drain().opens, 0);
+}
+
+TEST(ChecksumGeneratorFile, AlgorithmsWithoutAGeneratorGiveNoCallbackAndDoNotOpenTheFile) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  writeFile(path, testsupport::bytesOf("never opened"));
+  FileAccessWatch watch(path);
+  SKIP_UNLESS_USABLE(watch);
+
+  EXPECT_TRUE(runOnFile({ChecksumTypeSRSum}, path).empty());
+  EXPECT_TRUE(runOnFile({ChecksumTypeNone, ChecksumType(3), ChecksumType(1024)}, path).empty());
+  EXPECT_EQ(watch.drain().opens, 0);
+}
+
+TEST(ChecksumGeneratorFile, FileIsOpenedOnceAnAlgorithmHasAGenerator) {
+  // The counterpart of the two tests above: the watch does see the run's open.
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  const Bytes content = testsupport::bytesOf("opened");
+  writeFile(path, content);
+  FileAccessWatch watch(path);
+  SKIP_UNLESS_USABLE(watch);
+
+  const Recording recording = runOnFile({ChecksumTypeSRSum, ChecksumTypeMD5}, path);
+  expectReferenceChecksums(recording, {ChecksumTypeMD5}, content);
+  const auto events = watch.drain();
+  EXPECT_EQ(events.opens, 1);
+  EXPECT_GE(events.reads, 1);
+}
+
+TEST(ChecksumGeneratorFile, SameAlgorithmTwiceGivesOneSupplyCall) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  const Bytes content = testsupport::bytesOf("listed twice");
+  writeFile(path, content);
+  const Recording recording = runOnFile({ChecksumTypeCRC32, ChecksumTypeCRC32}, path);
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  expectReferenceChecksums(recording, {ChecksumTypeCRC32}, content);
+}
+
+TEST(ChecksumGeneratorFile, EmptyFileGivesNoProgressAndTheEmptyInputChecksums) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("empty");
+  writeFile(path, {});
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
+  EXPECT_TRUE(recording.progress.empty());
+  expectReferenceChecksums(recording, algorithmsWithAGenerator(), {});
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(recording.textFor(type), type.emptyChecksumValue()) << type.name();
+  }
+}
+
+TEST(ChecksumGeneratorFile, OneByteFileGivesOneProgressCallOfTheWholeFile) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("one-byte");
+  const Bytes content = {0x61};
+  writeFile(path, content);
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[0].bytes, 1u);
+  expectReferenceChecksums(recording, algorithmsWithAGenerator(), content);
+}
+
+TEST(ChecksumGeneratorFile, FileOfExactlyOneReadSizeGivesOneProgressCall) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("eight-mib");
+  const Bytes content = randomContent(kReadSize);
+  writeFile(path, content);
+  const Recording recording = runOnFile({ChecksumTypeXXHashH3128}, path);
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[0].bytes, 8388608u);
+  expectReferenceChecksums(recording, {ChecksumTypeXXHashH3128}, content);
+}
+
+TEST(ChecksumGeneratorFile, TwentyMiBFileIsReadInEightMiBChunks) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("twenty-mib");
+  const Bytes content = randomContent(20 * kMiB);
+  writeFile(path, content);
+  const Recording recording = runOnFile({ChecksumTypeXXHash64}, path);
+  // Reads of 8 MiB, 8 MiB and 4 MiB: fractions 8/20, 16/20 and 20/20 computed in double and
+  // narrowed to float.
+  ASSERT_EQ(recording.progress.size(), 3u);
+  EXPECT_EQ(recording.progress[0].fraction, static_cast<float>(0.4));
+  EXPECT_EQ(recording.progress[0].bytes, 8388608u);
+  EXPECT_EQ(recording.progress[1].fraction, static_cast<float>(0.8));
+  EXPECT_EQ(recording.progress[1].bytes, 16777216u);
+  EXPECT_EQ(recording.progress[2].fraction, 1.0f);
+  EXPECT_EQ(recording.progress[2].bytes, 20971520u);
+  expectReferenceChecksums(recording, {ChecksumTypeXXHash64}, content);
+}
+
+TEST(ChecksumGeneratorFile, AllAlgorithmsInOneRunMatchIndependentReferences) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("two-chunks");
+  // One full chunk and a short second one.
+  const Bytes content = randomContent(kReadSize + 12345);
+  writeFile(path, content);
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
+  ASSERT_EQ(recording.progress.size(), 2u);
+  EXPECT_EQ(recording.progress[0].bytes, kReadSize);
+  EXPECT_EQ(recording.progress[0].fraction,
+            static_cast<float>(double(kReadSize) / double(content.size())));
+  EXPECT_EQ(recording.progress[1].bytes, content.size());
+  EXPECT_EQ(recording.progress[1].fraction, 1.0f);
+  expectReferenceChecksums(recording, algorithmsWithAGenerator(), content);
+  EXPECT_FALSE(recording.calledOffTheCallersThread);
+}
+
+TEST(ChecksumGeneratorFile, StopFromTheProgressCallbackEndsReadingWithoutSupply) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("twenty-mib");
+  writeFile(path, randomContent(20 * kMiB));
+  FileAccessWatch watch(path);
+  SKIP_UNLESS_USABLE(watch);
+
+  int readsBeforeStop = 0;
+  RunOptions options;
+  options.stopAtCall = 1;
+  options.onProgress = [&] { readsBeforeStop += watch.drain().reads; };
+  const Recording recording = runOnFile({ChecksumTypeMD5, ChecksumTypeXXHash64}, path, options);
+
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, static_cast<float>(0.4));
+  EXPECT_EQ(recording.progress[0].bytes, 8388608u);
+  EXPECT_TRUE(recording.supplied.empty());
+  EXPECT_GE(readsBeforeStop, 1);              // the watch sees the run's reads ...
+  EXPECT_EQ(watch.drain().reads, 0);          // ... and none after the stop
+}
+
+TEST(ChecksumGeneratorFile, StopOnTheLastChunkStillSuppliesNothing) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("one-byte");
+  writeFile(path, {0x7a});
+  RunOptions options;
+  options.stopAtCall = 1;
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path, options);
+  ASSERT_EQ(recording.progress.size(), 1u);
+  EXPECT_EQ(recording.progress[0].fraction, 1.0f);
+  EXPECT_TRUE(recording.supplied.empty());
+}
+
+TEST(ChecksumGeneratorFile, MissingFileGivesNoCallback) {
+  ScratchDirectory directory;
+  EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), directory.file("does-not-exist")).empty());
+}
+
+TEST(ChecksumGeneratorFile, DirectoryIsRefusedWithoutCallbacks) {
+  ScratchDirectory directory;
+  writeFile(directory.file("inside"), testsupport::bytesOf("a file in the directory"));
+  EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), directory.path()).empty());
+}
+
+TEST(ChecksumGeneratorFile, UnreadableFileGivesNoCallback) {
+  if (::geteuid() == 0) GTEST_SKIP() << "permissions do not stop root from opening the file";
+  ScratchDirectory directory;
+  const std::string path = directory.file("unreadable");
+  writeFile(path, testsupport::bytesOf("secret"));
+  ASSERT_EQ(::chmod(path.c_str(), 0), 0);
+  EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), path).empty());
+  ::chmod(path.c_str(), 0600);
+}
+
+TEST(ChecksumGeneratorFile, ReadErrorEndsReadingAndFinalizesWhatWasRead) {
+  // /proc/self/mem opens, reports size 0 and fails its first read (offset 0 is unmapped) with
+  // EIO. Nothing was read, so every algorithm is supplied its empty-input checksum.
+  const char* path = "/proc/self/mem";
+  const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) GTEST_SKIP() << "cannot open " << path;
+  char probe[16];
+  const ssize_t probed = ::read(descriptor, probe, sizeof probe);
+  const int probeError = errno;
+  ::close(descriptor);
+  if (probed >= 0) GTEST_SKIP() << path << " is readable at offset 0 here";
+  EXPECT_EQ(probeError, EIO);
+
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
+  EXPECT_TRUE(recording.progress.empty());
+  ASSERT_EQ(recording.supplied.size(), 9u);
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(recording.textFor(type), type.emptyChecksumValue()) << type.name();
+  }
+}
+
+TEST(ChecksumGeneratorFile, SizeUnavailableButFileOpensSuppliesWithoutProgress) {
+  // A FIFO has no size (st_size 0) but reads like a file: the writer below feeds it 3 MiB.
+  ScratchDirectory directory;
+  const std::string path = directory.file("fifo");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
+  const Bytes content = randomContent(3 * kMiB + 17);
+
+  std::thread writer([&] {
+    // Non-blocking open fails with ENXIO until the run has opened the reading end; give up after
+    // a while rather than hang if the run never opens it.
+    int descriptor = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (descriptor < 0 && std::chrono::steady_clock::now() < deadline) {
+      descriptor = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      if (descriptor < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (descriptor < 0) return;
+    ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+    std::size_t written = 0;
+    while (written < content.size()) {
+      const ssize_t count = ::write(descriptor, content.data() + written, content.size() - written);
+      if (count < 0 && errno == EINTR) continue;
+      if (count <= 0) break;
+      written += static_cast<std::size_t>(count);
+    }
+    ::close(descriptor);
+  });
+  const std::vector<ChecksumType> two = {ChecksumTypeSHA256, ChecksumTypeXXHashH364};
+  const Recording recording = runOnFile(two, path);
+  writer.join();
+
+  EXPECT_TRUE(recording.progress.empty());
+  expectReferenceChecksums(recording, two, content);
+}
+
+TEST(ChecksumGeneratorFile, ProcFileWithoutSizeSuppliesWithoutProgress) {
+  // Files under /proc report size 0 but have content.
+  const std::string path = "/proc/version";
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) GTEST_SKIP() << "no " << path;
+  ASSERT_EQ(status.st_size, 0);
+  const Bytes content = readWholeFile(path);
+  ASSERT_FALSE(content.empty());
+
+  const std::vector<ChecksumType> two = {ChecksumTypeMD5, ChecksumTypeCRC32};
+  const Recording recording = runOnFile(two, path);
+  EXPECT_TRUE(recording.progress.empty());
+  expectReferenceChecksums(recording, two, content);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Single-algorithm conveniences.
+
+TEST(ChecksumGeneratorStatic, DataWithAnAlgorithmWithoutAGeneratorReturnsNothing) {
+  const Bytes data = testsupport::bytesOf("abc");
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, ChecksumTypeSRSum), std::nullopt);
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, ChecksumTypeNone), std::nullopt);
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, ChecksumType(3)), std::nullopt);
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, ChecksumType(1024)), std::nullopt);
+}
+
+TEST(ChecksumGeneratorStatic, MD5OfEmptyDataIsTheEmptyInputDigest) {
+  // MD5 ("") from RFC 1321, appendix A.5.
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForData({}, ChecksumTypeMD5),
+            "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST(ChecksumGeneratorStatic, DataMatchesTheReferenceForEveryAlgorithm) {
+  const Bytes data = randomContent(100003);
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, type), referenceChecksum(type, data))
+        << type.name();
+  }
+}
+
+TEST(ChecksumGeneratorStatic, FileMatchesTheReferenceForEveryAlgorithm) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  const Bytes content = randomContent(200001);
+  writeFile(path, content);
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, type),
+              referenceChecksum(type, content))
+        << type.name();
+  }
+}
+
+TEST(ChecksumGeneratorStatic, FileWithAnAlgorithmWithoutAGeneratorReturnsNothing) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("content");
+  writeFile(path, testsupport::bytesOf("abc"));
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, ChecksumTypeSRSum), std::nullopt);
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, ChecksumType(6)), std::nullopt);
+}
+
+TEST(ChecksumGeneratorStatic, FileThatCannotBeOpenedReturnsNothing) {
+  ScratchDirectory directory;
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(directory.file("missing"), ChecksumTypeMD5),
+            std::nullopt);
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(directory.path(), ChecksumTypeMD5),
+            std::nullopt);
+}
+
+TEST(ChecksumGeneratorStatic, EmptyFileGivesTheEmptyInputChecksum) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("empty");
+  writeFile(path, {});
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, type), type.emptyChecksumValue())
+        << type.name();
+  }
+}
+
+}  // namespace
+}  // namespace corvane
