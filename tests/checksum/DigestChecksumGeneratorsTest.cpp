@@ -18,6 +18,8 @@
 #include "corvane/ChecksumType.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/DigestChecksumGenerators.hpp"
+#include "dispatch/CountingSemaphore.hpp"
+#include "dispatch/SerialQueue.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {

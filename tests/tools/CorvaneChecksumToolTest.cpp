@@ -122,7 +122,8 @@ RunResult runTool(const std::vector<std::string>& arguments) {
   ScratchDirectory scratch;
   std::string command = shellQuote(kToolPath);
   for (const auto& argument : arguments) {
-    command += " " + shellQuote(argument);
+    command += ' ';
+    command += shellQuote(argument);
   }
   return runShell(command, scratch.path() / "stderr");
 }
@@ -223,7 +224,8 @@ TEST(CorvaneChecksumTool, SingleAlgorithmOutputEqualsReferenceProgramOutput) {
       {"sha512", "sha512sum"}, {"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"}};
   std::string quotedFiles;
   for (const auto& file : files) {
-    quotedFiles += " " + shellQuote(file);
+    quotedFiles += ' ';
+    quotedFiles += shellQuote(file);
   }
   for (const auto& [algorithm, program] : programs) {
     SCOPED_TRACE(algorithm);
