@@ -6,6 +6,7 @@
 // Exit status: 0 when every file was checksummed, 1 when any file failed (each failure is
 // reported on stderr and the remaining files are still processed), 2 for a usage error.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -58,6 +59,9 @@ int hashFiles(const std::vector<const AlgorithmName*>& algorithms,
 }
 
 int runBuiltinSample() {
+  // A reader that goes away early (`corvane-checksum | head`) must not kill the process before
+  // the sample directory is removed; failed writes are harmless here.
+  std::signal(SIGPIPE, SIG_IGN);
   std::cout << "# No arguments given: checksumming a built-in sample with every algorithm.\n";
   const auto parsed = corvane::tool::parseAlgorithmList({kSampleAlgorithms});
   const auto& algorithms = std::get<std::vector<const AlgorithmName*>>(parsed);

@@ -92,7 +92,10 @@ TEST(CorvaneChecksumGeneratorFactory, ReturnsNullForMasksOfSeveralAlgorithms) {
 TEST(CorvaneChecksumGeneratorFactory, ReturnsAGeneratorOfTheRequestedTypeForEachOfTheNine) {
   for (ChecksumType type : typesWithGenerator()) {
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr) << traceFor(type);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator for " << traceFor(type);
+      continue;
+    }
     EXPECT_EQ(generator->checksumType(), type) << traceFor(type);
   }
 }
@@ -149,7 +152,10 @@ TEST(CorvaneChecksumGenerator, FreshGeneratorIsUnfinalizedWithoutValueAndLimited
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     EXPECT_FALSE(generator->isFinialized());
     EXPECT_EQ(generator->checksumValue(), std::nullopt);
     EXPECT_TRUE(generator->limitUsingSemaphore());
@@ -197,7 +203,10 @@ TEST(CorvaneChecksumGeneratorPrecalculated, IsFinalizedWithTheGivenValueBeforeAn
     SCOPED_TRACE(traceFor(type));
     auto generator =
         CorvaneChecksumGenerator::checksumGeneratorForType(type, std::string("0123abcd"));
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     EXPECT_EQ(generator->checksumType(), type);
     EXPECT_TRUE(generator->isFinialized());
     EXPECT_EQ(generator->checksumValue(), "0123abcd");
@@ -248,7 +257,10 @@ TEST(CorvaneChecksumGenerator, NullBufferCallsUpdateBlockOnTheCallersThreadBefor
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     // With the queue stalled, a callback that ran before the call returned cannot have come
     // from the queue.
     QueueStall stall(generator);
@@ -270,7 +282,10 @@ TEST(CorvaneChecksumGenerator, NullBufferTakesNoSemaphoreSlot) {
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     QueueStall stall(generator);
     stall.waitUntilStalled();
     // Twenty null chunks while nothing can drain: none of them may wait for a slot.
@@ -289,7 +304,10 @@ TEST(CorvaneChecksumGenerator, NullBufferWithoutUpdateBlockIsAccepted) {
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     generator->addDataToChecksum(nullptr, nullptr);
     EXPECT_EQ(finalizeAndWait(generator), type.emptyChecksumValue());
   }
@@ -299,7 +317,10 @@ TEST(CorvaneChecksumGenerator, FinalizingAFreshGeneratorYieldsTheEmptyChecksumVa
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     const auto checksum = finalizeAndWait(generator);
     EXPECT_EQ(checksum, type.emptyChecksumValue());
     EXPECT_TRUE(generator->isFinialized());
@@ -312,9 +333,12 @@ TEST(CorvaneChecksumGenerator, CompletionReceivesTheStoredValueAfterEveryChunk) 
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     const auto oneChunk = checksumOf(type, whole);
-    ASSERT_TRUE(oneChunk.has_value());
+    if (!oneChunk) continue;  // checksumOf reported the failure
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     // runGenerator checks that every update callback ran, in order, before the completion.
     const auto chunked = runGenerator(generator, testsupport::fixedSplit(whole, 5));
     EXPECT_EQ(chunked, oneChunk);
@@ -338,7 +362,10 @@ TEST(CorvaneChecksumGenerator, UpdateAndCompletionCallbacksRunOnTheQueue) {
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     QueueStall stall(generator);
     stall.waitUntilStalled();
     std::atomic<bool> updated{false};
@@ -611,7 +638,10 @@ TEST(CorvaneChecksumGenerator, SynchronousPairOfNonMD5GeneratorsDoesNothing) {
     if (type == ChecksumTypeMD5) continue;  // MD5 alone implements the synchronous pair
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     generator->updateChecksumWithData(&data);
     EXPECT_EQ(generator->finalizeChecksum(), std::nullopt);
     EXPECT_FALSE(generator->isFinialized());

@@ -245,7 +245,10 @@ TEST(DigestChecksumGenerators, OtherDigestsQueueZeroLengthChunksAndCallBackFromT
                             ChecksumTypeSHA512}) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr);
+    if (generator == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     QueueStall stall(generator);
     stall.waitUntilStalled();
     std::atomic<bool> called{false};

@@ -102,7 +102,8 @@ std::vector<MessageDigestVector> readMessageDigestVectors(const std::filesystem:
   std::istringstream lines(readTextFile(path));
   std::string rawLine;
   std::size_t lineNumber = 0;
-  std::optional<std::size_t> length;
+  bool haveLength = false;
+  std::size_t length = 0;
   std::optional<Bytes> message;
   while (std::getline(lines, rawLine)) {
     ++lineNumber;
@@ -113,19 +114,20 @@ std::vector<MessageDigestVector> readMessageDigestVectors(const std::filesystem:
     if (!splitAssignment(line, key, value)) continue;
     if (key == "Len") {
       length = static_cast<std::size_t>(std::stoull(std::string(value)));
+      haveLength = true;
       message.reset();
     } else if (key == "Msg") {
       message = hexDecode(value);
       if (!message) ADD_FAILURE() << path << ":" << lineNumber << ": bad hex in Msg";
     } else if (key == "MD") {
-      if (!length || !message) {
+      if (!haveLength || !message) {
         ADD_FAILURE() << path << ":" << lineNumber << ": MD without Len and Msg";
         continue;
       }
       MessageDigestVector vector;
-      vector.lengthInBits = *length;
+      vector.lengthInBits = length;
       // "Len = 0" is written with "Msg = 00": the message is empty.
-      vector.message = *length == 0 ? Bytes{} : *message;
+      vector.message = length == 0 ? Bytes{} : *message;
       vector.digest = lowercase(value);
       vector.line = lineNumber;
       if (vector.message.size() * 8 != vector.lengthInBits) {
@@ -133,7 +135,7 @@ std::vector<MessageDigestVector> readMessageDigestVectors(const std::filesystem:
                       << " does not match " << vector.message.size() << " message bytes";
       }
       vectors.push_back(std::move(vector));
-      length.reset();
+      haveLength = false;
       message.reset();
     }
   }
@@ -145,7 +147,8 @@ MonteCarloVectors readMonteCarloVectors(const std::filesystem::path& path) {
   std::istringstream lines(readTextFile(path));
   std::string rawLine;
   std::size_t lineNumber = 0;
-  std::optional<std::size_t> count;
+  bool haveCount = false;
+  std::size_t count = 0;
   while (std::getline(lines, rawLine)) {
     ++lineNumber;
     const std::string_view line = trim(rawLine);
@@ -159,12 +162,13 @@ MonteCarloVectors readMonteCarloVectors(const std::filesystem::path& path) {
       vectors.seed = seed.value_or(Bytes{});
     } else if (key == "COUNT") {
       count = static_cast<std::size_t>(std::stoull(std::string(value)));
+      haveCount = true;
     } else if (key == "MD") {
-      if (!count || *count != vectors.checkpoints.size()) {
+      if (!haveCount || count != vectors.checkpoints.size()) {
         ADD_FAILURE() << path << ":" << lineNumber << ": checkpoints out of sequence";
       }
       vectors.checkpoints.push_back(lowercase(value));
-      count.reset();
+      haveCount = false;
     }
   }
   return vectors;
@@ -274,7 +278,9 @@ std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGen
   bool first = true;
   for (std::size_t index : progress->updateOrder) {
     if (!chunks[index] || chunks[index]->empty()) continue;
-    if (!first) EXPECT_LT(previous, index) << "update callbacks out of order";
+    if (!first) {
+      EXPECT_LT(previous, index) << "update callbacks out of order";
+    }
     previous = index;
     first = false;
   }

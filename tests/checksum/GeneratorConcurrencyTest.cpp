@@ -1,0 +1,463 @@
+// Streaming generators and the multi-algorithm ChecksumGenerator under concurrent use: many
+// generators fed from several threads at once, the eight-task bound of a generator's queue,
+// blocking one-shot calls made from inside a generator's callback, and concurrent runs over
+// one file.
+//
+// Every checksum is compared with a reference computed here independently of the library's
+// generators: OpenSSL's one-shot EVP_Digest for MD5 and SHA, the one-shot xxHash functions
+// XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32 and a base-58 conversion of
+// the SHA-512 digest for C4.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "corvane/ChecksumGenerator.hpp"
+#include "corvane/ChecksumType.hpp"
+#include "corvane/CorvaneChecksumGenerator.hpp"
+#include "dispatch/SerialQueue.hpp"
+#include "support/Vectors.hpp"
+
+namespace corvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Generous bound after which a wait is declared a deadlock.
+constexpr auto kDeadlockTimeout = 30s;
+// How long a call must stay blocked to count as blocked.
+constexpr auto kStillBlocked = 200ms;
+
+const std::vector<ChecksumType>& algorithmsWithAGenerator() {
+  static const std::vector<ChecksumType> all = {
+      ChecksumTypeMD5,    ChecksumTypeXXHash64, ChecksumTypeCRC32,
+      ChecksumTypeSHA1,   ChecksumTypeSHA256,   ChecksumTypeSHA512,
+      ChecksumTypeC4,     ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
+  return all;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Independent references.
+
+std::vector<unsigned char> evpDigest(const EVP_MD* md, const Bytes& data) {
+  std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
+  unsigned int length = 0;
+  if (EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr) != 1) return {};
+  digest.resize(length);
+  return digest;
+}
+
+std::string hexOf(const std::vector<unsigned char>& bytes) {
+  std::string text;
+  char pair[3];
+  for (unsigned char byte : bytes) {
+    std::snprintf(pair, sizeof pair, "%02x", byte);
+    text += pair;
+  }
+  return text;
+}
+
+// Reflected CRC-32 (table of 0xEDB88320), register starting at 0, complemented at the end,
+// printed with "%02x".
+std::string crc32Reference(const Bytes& data) {
+  static const std::array<std::uint32_t, 256> table = [] {
+    std::array<std::uint32_t, 256> entries{};
+    for (std::uint32_t n = 0; n < 256; ++n) {
+      std::uint32_t value = n;
+      for (int bit = 0; bit < 8; ++bit) value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
+      entries[n] = value;
+    }
+    return entries;
+  }();
+  std::uint32_t crc = 0;
+  for (std::uint8_t byte : data) crc = table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
+  char text[16];
+  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
+  return text;
+}
+
+// "c4" followed by the SHA-512 digest as a base-58 number, left-filled with "1" to 88 digits.
+std::string c4Reference(const Bytes& data) {
+  static const char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
+  std::vector<unsigned char> number = evpDigest(EVP_sha512(), data);
+  std::string digits;
+  for (;;) {
+    std::size_t first = 0;
+    while (first < number.size() && number[first] == 0) ++first;
+    if (first == number.size()) break;
+    unsigned remainder = 0;
+    for (std::size_t i = first; i < number.size(); ++i) {
+      const unsigned value = remainder * 256 + number[i];
+      number[i] = static_cast<unsigned char>(value / 58);
+      remainder = value % 58;
+    }
+    digits.insert(digits.begin(), kAlphabet[remainder]);
+  }
+  while (digits.size() < 88) digits.insert(digits.begin(), '1');
+  return "c4" + digits;
+}
+
+std::string referenceChecksum(ChecksumType type, const Bytes& data) {
+  char text[40];
+  switch (type.rawValue()) {
+    case 1:
+      return hexOf(evpDigest(EVP_md5(), data));
+    case 2:
+      std::snprintf(text, sizeof text, "%016llx",
+                    static_cast<unsigned long long>(XXH64(data.data(), data.size(), 0)));
+      return text;
+    case 4:
+      return crc32Reference(data);
+    case 8:
+      return hexOf(evpDigest(EVP_sha1(), data));
+    case 16:
+      return hexOf(evpDigest(EVP_sha256(), data));
+    case 32:
+      return hexOf(evpDigest(EVP_sha512(), data));
+    case 128:
+      return c4Reference(data);
+    case 256:
+      std::snprintf(text, sizeof text, "%016llx",
+                    static_cast<unsigned long long>(XXH3_64bits(data.data(), data.size())));
+      return text;
+    case 512: {
+      const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
+      std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(hash.high64),
+                    static_cast<unsigned long long>(hash.low64));
+      return text;
+    }
+    default:
+      return "<no reference for raw value " + std::to_string(type.rawValue()) + ">";
+  }
+}
+
+TEST(GeneratorConcurrencyReference, ReferencesGiveTheLibrarysEmptyInputTexts) {
+  for (ChecksumType type : algorithmsWithAGenerator()) {
+    EXPECT_EQ(referenceChecksum(type, {}), type.emptyChecksumValue()) << type.name();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Many generators, many threads.
+
+TEST(GeneratorConcurrency, SixtyFourGeneratorsFedFromEightThreadsMatchTheirReferences) {
+  constexpr int kGenerators = 64;
+  constexpr int kThreads = 8;
+  const std::uint64_t seed = testsupport::randomTestSeed();
+  SCOPED_TRACE(testsupport::describeSeed(seed));
+  std::mt19937_64 random(seed);
+
+  struct Job {
+    ChecksumType type;
+    std::shared_ptr<CorvaneChecksumGenerator> generator;
+    Bytes input;
+    std::vector<SharedBytes> chunks;
+    std::atomic<int> updates{0};
+    std::promise<std::optional<std::string>> result;
+  };
+  std::vector<std::unique_ptr<Job>> jobs;
+  for (int i = 0; i < kGenerators; ++i) {
+    auto job = std::make_unique<Job>();
+    job->type = algorithmsWithAGenerator()[i % algorithmsWithAGenerator().size()];
+    job->generator = CorvaneChecksumGenerator::checksumGeneratorForType(job->type);
+    ASSERT_NE(job->generator, nullptr);
+    job->input = testsupport::randomBytes(random, random() % (96 * 1024));
+    job->chunks = testsupport::randomSplit(job->input, random, 8 * 1024);
+    jobs.push_back(std::move(job));
+  }
+
+  // Thread t feeds generators t, t + 8, ... one chunk of each in turn, so every thread keeps
+  // several generators busy while the other threads do the same.
+  std::vector<std::thread> feeders;
+  for (int t = 0; t < kThreads; ++t) {
+    feeders.emplace_back([&jobs, t] {
+      std::vector<Job*> mine;
+      for (int i = t; i < kGenerators; i += kThreads) mine.push_back(jobs[i].get());
+      for (std::size_t round = 0;; ++round) {
+        bool handedOver = false;
+        for (Job* job : mine) {
+          if (round >= job->chunks.size()) continue;
+          job->generator->addDataToChecksum(job->chunks[round], [job] { job->updates++; });
+          handedOver = true;
+        }
+        if (!handedOver) break;
+      }
+      for (Job* job : mine) {
+        job->generator->finalizeChecksumWithCompletionBlock(
+            [job](const std::optional<std::string>& text) { job->result.set_value(text); });
+      }
+    });
+  }
+  for (auto& feeder : feeders) feeder.join();
+
+  for (int i = 0; i < kGenerators; ++i) {
+    Job& job = *jobs[i];
+    SCOPED_TRACE("generator " + std::to_string(i) + " (" + job.type.name() + ")");
+    auto future = job.result.get_future();
+    ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
+    EXPECT_EQ(future.get(), referenceChecksum(job.type, job.input));
+    // Update callbacks all ran before the completion callback.
+    EXPECT_EQ(job.updates.load(), int(job.chunks.size()));
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The eight-task bound.
+
+TEST(GeneratorConcurrency, NinthHandOffBlocksWhileEightTasksWaitBehindAStalledQueue) {
+  auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(ChecksumTypeSHA256);
+  ASSERT_NE(generator, nullptr);
+
+  // A task of our own holds the generator's queue until released. It takes no semaphore slot.
+  std::promise<void> stallStarted;
+  std::promise<void> releaseStall;
+  std::shared_future<void> stallReleased = releaseStall.get_future().share();
+  generator->checksummingQueue()->async([&stallStarted, stallReleased] {
+    stallStarted.set_value();
+    stallReleased.wait();
+  });
+  ASSERT_EQ(stallStarted.get_future().wait_for(kDeadlockTimeout), std::future_status::ready);
+
+  Bytes input;
+  std::vector<SharedBytes> chunks;
+  for (int i = 0; i < 9; ++i) {
+    Bytes chunk(1000 + i, static_cast<std::uint8_t>('a' + i));
+    input.insert(input.end(), chunk.begin(), chunk.end());
+    chunks.push_back(testsupport::share(std::move(chunk)));
+  }
+
+  std::atomic<int> returned{0};
+  std::atomic<int> updates{0};
+  std::thread feeder([&] {
+    for (const auto& chunk : chunks) {
+      generator->addDataToChecksum(chunk, [&updates] { updates++; });
+      returned++;
+    }
+  });
+
+  // The first eight hand-offs take the eight slots and return without waiting.
+  const auto deadline = std::chrono::steady_clock::now() + kDeadlockTimeout;
+  while (returned.load() < 8 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  ASSERT_EQ(returned.load(), 8);
+  // The ninth waits for a slot, which only a finished task returns.
+  std::this_thread::sleep_for(kStillBlocked);
+  EXPECT_EQ(returned.load(), 8);
+  EXPECT_EQ(updates.load(), 0);
+
+  releaseStall.set_value();
+  feeder.join();
+  EXPECT_EQ(returned.load(), 9);
+
+  std::promise<std::optional<std::string>> result;
+  generator->finalizeChecksumWithCompletionBlock(
+      [&result](const std::optional<std::string>& text) { result.set_value(text); });
+  auto future = result.get_future();
+  ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
+  EXPECT_EQ(future.get(), referenceChecksum(ChecksumTypeSHA256, input));
+  EXPECT_EQ(updates.load(), 9);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Blocking calls made from inside callbacks.
+
+TEST(GeneratorConcurrency, BlockingOneShotInsideACompletionCallbackCompletes) {
+  const Bytes outerInput = testsupport::bytesOf("outer generator input");
+  const Bytes innerInput = testsupport::bytesOf("computed from inside the completion callback");
+  auto outer = CorvaneChecksumGenerator::checksumGeneratorForType(ChecksumTypeMD5);
+  ASSERT_NE(outer, nullptr);
+
+  struct Results {
+    std::optional<std::string> outer;
+    std::optional<std::string> inner;
+  };
+  auto promise = std::make_shared<std::promise<Results>>();
+  outer->addDataToChecksum(testsupport::share(outerInput), nullptr);
+  outer->finalizeChecksumWithCompletionBlock(
+      [promise, innerInput](const std::optional<std::string>& text) {
+        Results results;
+        results.outer = text;
+        // Runs on the outer generator's queue and blocks until the inner run is done.
+        results.inner = ChecksumGenerator::generateChecksumForData(innerInput, ChecksumTypeSHA256);
+        promise->set_value(results);
+      });
+  auto future = promise->get_future();
+  ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
+  const Results results = future.get();
+  EXPECT_EQ(results.outer, referenceChecksum(ChecksumTypeMD5, outerInput));
+  EXPECT_EQ(results.inner, referenceChecksum(ChecksumTypeSHA256, innerInput));
+}
+
+TEST(GeneratorConcurrency, BlockingOneShotsInsideManyCallbacksAtOnceComplete) {
+  // Sixteen generators finalize at the same time, each callback blocking on one-shot runs of
+  // every algorithm: busy workers must not starve the queues those runs wait for.
+  constexpr int kGenerators = 16;
+  const Bytes innerInput = testsupport::bytesOf("nested one-shot input");
+  std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
+  std::vector<std::shared_ptr<std::promise<std::vector<std::optional<std::string>>>>> promises;
+  for (int i = 0; i < kGenerators; ++i) {
+    auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(
+        algorithmsWithAGenerator()[i % algorithmsWithAGenerator().size()]);
+    auto promise = std::make_shared<std::promise<std::vector<std::optional<std::string>>>>();
+    generator->addDataToChecksum(testsupport::share(testsupport::bytesOf("x")), [innerInput] {
+      // The update callback blocks as well.
+      (void)ChecksumGenerator::generateChecksumForData(innerInput, ChecksumTypeCRC32);
+    });
+    generator->finalizeChecksumWithCompletionBlock(
+        [promise, innerInput](const std::optional<std::string>&) {
+          std::vector<std::optional<std::string>> inner;
+          for (ChecksumType type : algorithmsWithAGenerator()) {
+            inner.push_back(ChecksumGenerator::generateChecksumForData(innerInput, type));
+          }
+          promise->set_value(inner);
+        });
+    generators.push_back(generator);
+    promises.push_back(promise);
+  }
+  for (int i = 0; i < kGenerators; ++i) {
+    auto future = promises[i]->get_future();
+    ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready) << "generator " << i;
+    const auto inner = future.get();
+    for (std::size_t a = 0; a < inner.size(); ++a) {
+      const ChecksumType type = algorithmsWithAGenerator()[a];
+      EXPECT_EQ(inner[a], referenceChecksum(type, innerInput)) << type.name();
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// ChecksumGenerator runs from several threads.
+
+class ScratchFile {
+ public:
+  explicit ScratchFile(const Bytes& content) {
+    std::string pattern = ::testing::TempDir() + "corvane-generator-concurrency-XXXXXX";
+    const int descriptor = ::mkstemp(pattern.data());
+    if (descriptor < 0) {
+      ADD_FAILURE() << "mkstemp failed: " << std::strerror(errno);
+      return;
+    }
+    ::close(descriptor);
+    path_ = pattern;
+    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(content.data()),
+              static_cast<std::streamsize>(content.size()));
+    if (!out.good()) ADD_FAILURE() << "cannot write " << path_;
+  }
+  ~ScratchFile() {
+    if (!path_.empty()) std::filesystem::remove(path_);
+  }
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+struct RunResult {
+  std::vector<std::pair<float, std::uint64_t>> progress;
+  std::vector<std::pair<std::string, ChecksumType>> supplied;
+  bool offTheCallersThread = false;
+};
+
+TEST(GeneratorConcurrency, FileRunsFromEightThreadsGiveIdenticalResults) {
+  constexpr int kThreads = 8;
+  std::mt19937_64 random(testsupport::randomTestSeed());
+  // Two chunks: one full 8 MiB read and a short one.
+  const Bytes content = testsupport::randomBytes(random, 8388608 + 65537);
+  const ScratchFile file(content);
+  const std::vector<ChecksumType> algorithms = {ChecksumTypeXXHash64, ChecksumTypeMD5,
+                                                ChecksumTypeCRC32};
+  const ChecksumGenerator shared(algorithms);  // one value, used by every thread
+
+  std::vector<RunResult> results(kThreads);
+  std::vector<std::thread> runners;
+  for (int t = 0; t < kThreads; ++t) {
+    runners.emplace_back([&, t] {
+      RunResult& result = results[t];
+      const auto self = std::this_thread::get_id();
+      shared.generateChecksumsForFile(
+          file.path(),
+          [&result, self](float fraction, std::uint64_t bytes, bool*) {
+            if (std::this_thread::get_id() != self) result.offTheCallersThread = true;
+            result.progress.emplace_back(fraction, bytes);
+          },
+          [&result, self](const std::string& text, ChecksumType type) {
+            if (std::this_thread::get_id() != self) result.offTheCallersThread = true;
+            result.supplied.emplace_back(text, type);
+          });
+    });
+  }
+  for (auto& runner : runners) runner.join();
+
+  for (int t = 0; t < kThreads; ++t) {
+    SCOPED_TRACE("thread " + std::to_string(t));
+    const RunResult& result = results[t];
+    EXPECT_FALSE(result.offTheCallersThread);
+    ASSERT_EQ(result.progress.size(), 2u);
+    EXPECT_EQ(result.progress[0].second, 8388608u);
+    EXPECT_EQ(result.progress[1].second, content.size());
+    EXPECT_EQ(result.progress[1].first, 1.0f);
+    ASSERT_EQ(result.supplied.size(), algorithms.size());
+    // Identical to the first thread's run, and right.
+    EXPECT_EQ(result.supplied, results[0].supplied);
+    for (const auto& [text, type] : result.supplied) {
+      EXPECT_EQ(text, referenceChecksum(type, content)) << type.name();
+    }
+  }
+}
+
+TEST(GeneratorConcurrency, BufferRunsFromEightThreadsOverOneValueMatchTheirReferences) {
+  constexpr int kThreads = 8;
+  constexpr int kRunsEach = 20;
+  const ChecksumGenerator shared(algorithmsWithAGenerator());
+  std::vector<Bytes> inputs;
+  std::mt19937_64 random(testsupport::randomTestSeed());
+  for (int t = 0; t < kThreads; ++t) inputs.push_back(testsupport::randomBytes(random, 4096 + t));
+
+  std::vector<int> mismatches(kThreads, 0);
+  std::vector<int> supplies(kThreads, 0);
+  std::vector<std::thread> runners;
+  for (int t = 0; t < kThreads; ++t) {
+    runners.emplace_back([&, t] {
+      for (int run = 0; run < kRunsEach; ++run) {
+        shared.generateChecksumForData(
+            inputs[t], [](float, std::uint64_t, bool*) {},
+            [&, t](const std::string& text, ChecksumType type) {
+              ++supplies[t];
+              if (text != referenceChecksum(type, inputs[t])) ++mismatches[t];
+            });
+      }
+    });
+  }
+  for (auto& runner : runners) runner.join();
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(supplies[t], kRunsEach * int(algorithmsWithAGenerator().size())) << "thread " << t;
+    EXPECT_EQ(mismatches[t], 0) << "thread " << t;
+  }
+}
+
+}  // namespace
+}  // namespace corvane
