@@ -58,6 +58,31 @@ class CORVANE_API CorvaneChecksumGenerator
   static std::shared_ptr<CorvaneChecksumGenerator> checksumGeneratorForType(
       ChecksumType type, std::optional<std::string> precalculatedChecksum);
 
+  // --- one-shot helpers: one checksum in one blocking call ------------------------------------
+  // Must not be called on a generator's own queue (they wait for it).
+
+  // Synchronous pair of the generator: only MD5 implements it, so every other type gives null
+  // (by design). Null `data` gives null.
+  static std::optional<std::string> checksumData(const Bytes* data, ChecksumType withType);
+  // The checksum of `data` (null counts as empty); null when `algorithm` has no generator.
+  // For C4 the result is the C4 ID.
+  static std::optional<std::string> generateDataChecksum(SharedBytes data, ChecksumType algorithm);
+  // The checksum of the file at `path`, read in chunks of 8 MiB (or `readSize` bytes; 0 reads
+  // nothing, a negative size reads to the end in 8 MiB chunks). Null when `algorithm` has no
+  // generator or the file cannot be opened. A read error throws Exception
+  // ("NSFileHandleOperationException", "<path>: <reason>").
+  static std::optional<std::string> generateFileChecksum(const std::string& path,
+                                                         ChecksumType algorithm);
+  static std::optional<std::string> generateFileChecksum(const std::string& path,
+                                                         ChecksumType algorithm,
+                                                         std::int64_t readSize);
+  // Hex text to bytes, last pair first (storeAsLittleEndian true, the default) or in text order.
+  // An odd-length text gets a "0" at the front (little endian) or at the end (big endian). Each
+  // pair is read like strtol(pair, 16): leading spaces skipped, a sign accepted, conversion stops
+  // at the first non-hex character; the byte is the low 8 bits ("-1" gives 0xff).
+  static Bytes dataFromHexString(const std::string& hexString);
+  static Bytes dataFromHexString(const std::string& hexString, bool storeAsLittleEndian);
+
   // Hands one chunk over. A null buffer calls `updateBlock` at once on the caller's thread.
   // Otherwise the chunk is queued (blocking while eight tasks are pending) and `updateBlock`
   // runs on the queue after the chunk was absorbed; the buffer must not change until then.

@@ -1,7 +1,9 @@
 // Umbrella header of libCorvaneSecurity.
 #pragma once
 
+#include "corvane/BigInt.hpp"
 #include "corvane/Bytes.hpp"
+#include "corvane/C4Identifier.hpp"
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/ChecksumLookup.hpp"
 #include "corvane/ChecksumType.hpp"

@@ -1,4 +1,5 @@
 // The factory of CorvaneChecksumGenerator: one table from algorithm to generator class.
+#include "corvane/C4Identifier.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/DigestChecksumGenerators.hpp"
 #include "corvane/XXHashChecksumGenerators.hpp"
@@ -20,6 +21,8 @@ std::shared_ptr<CorvaneChecksumGenerator> CorvaneChecksumGenerator::checksumGene
       return std::make_shared<CorvaneChecksumGeneratorSHA256>();
     case ChecksumTypeSHA512.rawValue():
       return std::make_shared<CorvaneChecksumGeneratorSHA512>();
+    case ChecksumTypeC4.rawValue():
+      return std::make_shared<CorvaneChecksumGeneratorC4>();
     case ChecksumTypeXXHashH364.rawValue():
       return std::make_shared<CorvaneChecksumGeneratorXXHashH364>();
     case ChecksumTypeXXHashH3128.rawValue():

@@ -23,7 +23,10 @@ std::optional<FileChunkReader> FileChunkReader::open(const std::string& path) {
 }
 
 FileChunkReader::FileChunkReader(FileChunkReader&& other) noexcept
-    : descriptor_(other.descriptor_), failed_(other.failed_), buffer_(std::move(other.buffer_)) {
+    : descriptor_(other.descriptor_),
+      failed_(other.failed_),
+      errorNumber_(other.errorNumber_),
+      buffer_(std::move(other.buffer_)) {
   other.descriptor_ = -1;
 }
 
@@ -42,6 +45,7 @@ std::shared_ptr<const Bytes> FileChunkReader::readChunk(std::size_t length) {
     const ssize_t count = ::read(descriptor_, buffer_->data() + filled, length - filled);
     if (count < 0) {
       if (errno == EINTR) continue;
+      errorNumber_ = errno;
       failed_ = true;  // the chunk is abandoned; what earlier chunks delivered stays valid
       return nullptr;
     }

@@ -29,12 +29,15 @@ class FileChunkReader {
 
   // True once a read failed (as opposed to reaching end of file).
   bool failed() const noexcept { return failed_; }
+  // The errno of the failed read (0 when none failed).
+  int errorNumber() const noexcept { return errorNumber_; }
 
  private:
   explicit FileChunkReader(int descriptor) : descriptor_(descriptor) {}
 
   int descriptor_ = -1;
   bool failed_ = false;
+  int errorNumber_ = 0;
   std::shared_ptr<Bytes> buffer_;
 };
 

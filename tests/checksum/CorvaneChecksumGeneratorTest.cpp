@@ -37,13 +37,15 @@ using testsupport::share;
 // The nine algorithms that have a generator (SR Sum has none).
 const std::vector<ChecksumType>& typesWithGenerator() {
   static const std::vector<ChecksumType> types{
-      ChecksumTypeMD5,  ChecksumTypeXXHash64, ChecksumTypeCRC32,
-      ChecksumTypeSHA1, ChecksumTypeSHA256,   ChecksumTypeSHA512,
+      ChecksumTypeMD5,  ChecksumTypeXXHash64,   ChecksumTypeCRC32,
+      ChecksumTypeSHA1, ChecksumTypeSHA256,     ChecksumTypeSHA512,
       ChecksumTypeC4,   ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
   return types;
 }
 
-std::string traceFor(ChecksumType type) { return "ChecksumType " + std::to_string(type.rawValue()); }
+std::string traceFor(ChecksumType type) {
+  return "ChecksumType " + std::to_string(type.rawValue());
+}
 
 // Polls `condition` until it holds or `timeout` passes.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s) {
@@ -56,7 +58,8 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 // Finalizes `generator` and waits (at most a minute) for its completion callback.
-std::optional<std::string> finalizeAndWait(const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
   auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
   auto future = promise->get_future();
   generator->finalizeChecksumWithCompletionBlock(
@@ -75,9 +78,9 @@ constexpr const char* kMD5OfMessageDigest = "f96b697d7cb7938d525a2f31aaf161d0";
 // ----- factory --------------------------------------------------------------------------------
 
 TEST(CorvaneChecksumGeneratorFactory, ReturnsNullForValuesWithoutAGenerator) {
-  for (std::uint64_t raw : {std::uint64_t{0}, std::uint64_t{3}, std::uint64_t{64},
-                            std::uint64_t{1024}, std::uint64_t{0xFFFF}, std::uint64_t{1} << 40,
-                            ~std::uint64_t{0}}) {
+  for (std::uint64_t raw :
+       {std::uint64_t{0}, std::uint64_t{3}, std::uint64_t{64}, std::uint64_t{1024},
+        std::uint64_t{0xFFFF}, std::uint64_t{1} << 40, ~std::uint64_t{0}}) {
     EXPECT_EQ(CorvaneChecksumGenerator::checksumGeneratorForType(ChecksumType(raw)), nullptr)
         << "raw value " << raw;
   }
@@ -225,7 +228,7 @@ TEST(CorvaneChecksumGeneratorPrecalculated, IsNullForTypesWithoutAGenerator) {
   for (std::uint64_t raw : {std::uint64_t{0}, std::uint64_t{3}, std::uint64_t{64},
                             std::uint64_t{1024}, std::uint64_t{0xFFFF}}) {
     EXPECT_EQ(CorvaneChecksumGenerator::checksumGeneratorForType(ChecksumType(raw),
-                                                                  std::string("ffffffff")),
+                                                                 std::string("ffffffff")),
               nullptr)
         << "raw value " << raw;
   }
@@ -234,6 +237,10 @@ TEST(CorvaneChecksumGeneratorPrecalculated, IsNullForTypesWithoutAGenerator) {
 TEST(CorvaneChecksumGeneratorDeathTest, FinalizingAPrecalculatedGeneratorRaisesOnItsQueue) {
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
+    if (CorvaneChecksumGenerator::checksumGeneratorForType(type) == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     EXPECT_DEATH(
         {
           auto generator =
@@ -523,6 +530,10 @@ TEST(CorvaneChecksumGenerator, DifferentGeneratorsDoNotWaitForEachOther) {
 TEST(CorvaneChecksumGeneratorDeathTest, SecondFinalizationEndsTheProcessWithTheMisspelledMessage) {
   for (ChecksumType type : typesWithGenerator()) {
     SCOPED_TRACE(traceFor(type));
+    if (CorvaneChecksumGenerator::checksumGeneratorForType(type) == nullptr) {
+      ADD_FAILURE() << "no generator";
+      continue;
+    }
     EXPECT_DEATH(
         {
           auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);

@@ -40,9 +40,12 @@ const std::vector<ChecksumType>& digestTypes() {
   return types;
 }
 
-std::string traceFor(ChecksumType type) { return "ChecksumType " + std::to_string(type.rawValue()); }
+std::string traceFor(ChecksumType type) {
+  return "ChecksumType " + std::to_string(type.rawValue());
+}
 
-std::optional<std::string> finalizeAndWait(const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
   auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
   auto future = promise->get_future();
   generator->finalizeChecksumWithCompletionBlock(
@@ -169,9 +172,10 @@ TEST(DigestChecksumGenerators, TwoBlockMessagesGiveThePublishedDigests) {
 TEST(DigestChecksumGenerators, TextsAreLowercaseHexOfTheFullDigestWidth) {
   std::mt19937_64 random(testsupport::randomTestSeed());
   SCOPED_TRACE(testsupport::describeSeed(testsupport::randomTestSeed()));
-  const std::vector<std::pair<ChecksumType, std::size_t>> widths{
-      {ChecksumTypeMD5, 32}, {ChecksumTypeSHA1, 40}, {ChecksumTypeSHA256, 64},
-      {ChecksumTypeSHA512, 128}};
+  const std::vector<std::pair<ChecksumType, std::size_t>> widths{{ChecksumTypeMD5, 32},
+                                                                 {ChecksumTypeSHA1, 40},
+                                                                 {ChecksumTypeSHA256, 64},
+                                                                 {ChecksumTypeSHA512, 128}};
   for (int round = 0; round < 20; ++round) {
     const Bytes input = testsupport::randomBytes(random, static_cast<std::size_t>(round * 7));
     for (const auto& [type, width] : widths) {
@@ -241,8 +245,8 @@ TEST(CorvaneChecksumGeneratorMD5, ZeroLengthChunkIsCalledBackSynchronously) {
 }
 
 TEST(DigestChecksumGenerators, OtherDigestsQueueZeroLengthChunksAndCallBackFromTheQueue) {
-  for (ChecksumType type : {ChecksumTypeCRC32, ChecksumTypeSHA1, ChecksumTypeSHA256,
-                            ChecksumTypeSHA512}) {
+  for (ChecksumType type :
+       {ChecksumTypeCRC32, ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512}) {
     SCOPED_TRACE(traceFor(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
@@ -336,7 +340,8 @@ TEST(CorvaneChecksumGeneratorMD5, SynchronousFinalizeWithoutDataGivesTheEmptyDig
   EXPECT_EQ(generator.finalizeChecksum(), "d41d8cd98f00b204e9800998ecf8427e");  // RFC 1321 A.5
 }
 
-TEST(CorvaneChecksumGeneratorMD5, SynchronousFinalizeLeavesItUnfinalizedSoAStreamingFinalizeDoesNotRaise) {
+TEST(CorvaneChecksumGeneratorMD5,
+     SynchronousFinalizeLeavesItUnfinalizedSoAStreamingFinalizeDoesNotRaise) {
   auto generator = std::make_shared<CorvaneChecksumGeneratorMD5>();
   const Bytes abc = bytesOf("abc");
   generator->updateChecksumWithData(&abc);
@@ -413,17 +418,18 @@ TEST(CorvaneChecksumGeneratorCRC32, EqualsTheTableReferenceOnRandomInputsAndRand
     SCOPED_TRACE("round " + std::to_string(round) + " length " + std::to_string(length));
     EXPECT_EQ(checksumOf(ChecksumTypeCRC32, input), expected);
     const std::size_t maxChunk = round % 2 == 0 ? 17 : 5000;
-    EXPECT_EQ(checksumOfChunks(ChecksumTypeCRC32, testsupport::randomSplit(input, random, maxChunk)),
-              expected);
+    EXPECT_EQ(
+        checksumOfChunks(ChecksumTypeCRC32, testsupport::randomSplit(input, random, maxChunk)),
+        expected);
   }
 }
 
 TEST(CorvaneChecksumGeneratorCRC32, EqualsTheTableReferenceOnRepetitiveInputs) {
   // Long runs of one byte value exercise the wide (folding) code paths with simple data.
   for (std::uint8_t value : {std::uint8_t{0x00}, std::uint8_t{0xFF}, std::uint8_t{'a'}}) {
-    for (std::size_t length : {std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{63},
-                               std::size_t{64}, std::size_t{255}, std::size_t{256},
-                               std::size_t{4096}, std::size_t{65537}}) {
+    for (std::size_t length :
+         {std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{63}, std::size_t{64},
+          std::size_t{255}, std::size_t{256}, std::size_t{4096}, std::size_t{65537}}) {
       const Bytes input(length, value);
       EXPECT_EQ(checksumOf(ChecksumTypeCRC32, input), referenceCrcText(input))
           << "byte " << int(value) << " length " << length;

@@ -47,12 +47,19 @@ constexpr auto kDeadlockTimeout = 30s;
 // How long a call must stay blocked to count as blocked.
 constexpr auto kStillBlocked = 200ms;
 
+// The algorithms with an engine: the ten single flags except SR Sum (64), which has none.
+// C4 sits on the BigInt arithmetic and joins the list once the factory offers it.
 const std::vector<ChecksumType>& algorithmsWithAGenerator() {
-  static const std::vector<ChecksumType> all = {
-      ChecksumTypeMD5,    ChecksumTypeXXHash64, ChecksumTypeCRC32,
-      ChecksumTypeSHA1,   ChecksumTypeSHA256,   ChecksumTypeSHA512,
-      ChecksumTypeC4,     ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
-  return all;
+  static const std::vector<ChecksumType> available = [] {
+    std::vector<ChecksumType> types;
+    for (ChecksumType type : {ChecksumTypeMD5, ChecksumTypeXXHash64, ChecksumTypeCRC32,
+                              ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512,
+                              ChecksumTypeC4, ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128}) {
+      if (CorvaneChecksumGenerator::checksumGeneratorForType(type)) types.push_back(type);
+    }
+    return types;
+  }();
+  return available;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -83,7 +90,8 @@ std::string crc32Reference(const Bytes& data) {
     std::array<std::uint32_t, 256> entries{};
     for (std::uint32_t n = 0; n < 256; ++n) {
       std::uint32_t value = n;
-      for (int bit = 0; bit < 8; ++bit) value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
+      for (int bit = 0; bit < 8; ++bit)
+        value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
       entries[n] = value;
     }
     return entries;
@@ -141,7 +149,8 @@ std::string referenceChecksum(ChecksumType type, const Bytes& data) {
       return text;
     case 512: {
       const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
-      std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(hash.high64),
+      std::snprintf(text, sizeof text, "%016llx%016llx",
+                    static_cast<unsigned long long>(hash.high64),
                     static_cast<unsigned long long>(hash.low64));
       return text;
     }
@@ -151,6 +160,7 @@ std::string referenceChecksum(ChecksumType type, const Bytes& data) {
 }
 
 TEST(GeneratorConcurrencyReference, ReferencesGiveTheLibrarysEmptyInputTexts) {
+  EXPECT_GE(algorithmsWithAGenerator().size(), 8u);  // only C4 may be missing
   for (ChecksumType type : algorithmsWithAGenerator()) {
     EXPECT_EQ(referenceChecksum(type, {}), type.emptyChecksumValue()) << type.name();
   }
@@ -173,6 +183,7 @@ TEST(GeneratorConcurrency, SixtyFourGeneratorsFedFromEightThreadsMatchTheirRefer
     std::vector<SharedBytes> chunks;
     std::atomic<int> updates{0};
     std::promise<std::optional<std::string>> result;
+    std::future<std::optional<std::string>> future = result.get_future();
   };
   std::vector<std::unique_ptr<Job>> jobs;
   for (int i = 0; i < kGenerators; ++i) {
@@ -212,9 +223,8 @@ TEST(GeneratorConcurrency, SixtyFourGeneratorsFedFromEightThreadsMatchTheirRefer
   for (int i = 0; i < kGenerators; ++i) {
     Job& job = *jobs[i];
     SCOPED_TRACE("generator " + std::to_string(i) + " (" + job.type.name() + ")");
-    auto future = job.result.get_future();
-    ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
-    EXPECT_EQ(future.get(), referenceChecksum(job.type, job.input));
+    ASSERT_EQ(job.future.wait_for(kDeadlockTimeout), std::future_status::ready);
+    EXPECT_EQ(job.future.get(), referenceChecksum(job.type, job.input));
     // Update callbacks all ran before the completion callback.
     EXPECT_EQ(job.updates.load(), int(job.chunks.size()));
   }
@@ -229,13 +239,14 @@ TEST(GeneratorConcurrency, NinthHandOffBlocksWhileEightTasksWaitBehindAStalledQu
 
   // A task of our own holds the generator's queue until released. It takes no semaphore slot.
   std::promise<void> stallStarted;
+  std::future<void> stallStartedFuture = stallStarted.get_future();
   std::promise<void> releaseStall;
   std::shared_future<void> stallReleased = releaseStall.get_future().share();
   generator->checksummingQueue()->async([&stallStarted, stallReleased] {
     stallStarted.set_value();
     stallReleased.wait();
   });
-  ASSERT_EQ(stallStarted.get_future().wait_for(kDeadlockTimeout), std::future_status::ready);
+  ASSERT_EQ(stallStartedFuture.wait_for(kDeadlockTimeout), std::future_status::ready);
 
   Bytes input;
   std::vector<SharedBytes> chunks;
@@ -270,9 +281,9 @@ TEST(GeneratorConcurrency, NinthHandOffBlocksWhileEightTasksWaitBehindAStalledQu
   EXPECT_EQ(returned.load(), 9);
 
   std::promise<std::optional<std::string>> result;
+  auto future = result.get_future();
   generator->finalizeChecksumWithCompletionBlock(
       [&result](const std::optional<std::string>& text) { result.set_value(text); });
-  auto future = result.get_future();
   ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
   EXPECT_EQ(future.get(), referenceChecksum(ChecksumTypeSHA256, input));
   EXPECT_EQ(updates.load(), 9);
@@ -292,6 +303,7 @@ TEST(GeneratorConcurrency, BlockingOneShotInsideACompletionCallbackCompletes) {
     std::optional<std::string> inner;
   };
   auto promise = std::make_shared<std::promise<Results>>();
+  auto future = promise->get_future();
   outer->addDataToChecksum(testsupport::share(outerInput), nullptr);
   outer->finalizeChecksumWithCompletionBlock(
       [promise, innerInput](const std::optional<std::string>& text) {
@@ -301,7 +313,6 @@ TEST(GeneratorConcurrency, BlockingOneShotInsideACompletionCallbackCompletes) {
         results.inner = ChecksumGenerator::generateChecksumForData(innerInput, ChecksumTypeSHA256);
         promise->set_value(results);
       });
-  auto future = promise->get_future();
   ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready);
   const Results results = future.get();
   EXPECT_EQ(results.outer, referenceChecksum(ChecksumTypeMD5, outerInput));
@@ -314,11 +325,12 @@ TEST(GeneratorConcurrency, BlockingOneShotsInsideManyCallbacksAtOnceComplete) {
   constexpr int kGenerators = 16;
   const Bytes innerInput = testsupport::bytesOf("nested one-shot input");
   std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
-  std::vector<std::shared_ptr<std::promise<std::vector<std::optional<std::string>>>>> promises;
+  std::vector<std::future<std::vector<std::optional<std::string>>>> futures;
   for (int i = 0; i < kGenerators; ++i) {
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(
         algorithmsWithAGenerator()[i % algorithmsWithAGenerator().size()]);
     auto promise = std::make_shared<std::promise<std::vector<std::optional<std::string>>>>();
+    futures.push_back(promise->get_future());
     generator->addDataToChecksum(testsupport::share(testsupport::bytesOf("x")), [innerInput] {
       // The update callback blocks as well.
       (void)ChecksumGenerator::generateChecksumForData(innerInput, ChecksumTypeCRC32);
@@ -332,12 +344,11 @@ TEST(GeneratorConcurrency, BlockingOneShotsInsideManyCallbacksAtOnceComplete) {
           promise->set_value(inner);
         });
     generators.push_back(generator);
-    promises.push_back(promise);
   }
   for (int i = 0; i < kGenerators; ++i) {
-    auto future = promises[i]->get_future();
-    ASSERT_EQ(future.wait_for(kDeadlockTimeout), std::future_status::ready) << "generator " << i;
-    const auto inner = future.get();
+    ASSERT_EQ(futures[i].wait_for(kDeadlockTimeout), std::future_status::ready)
+        << "generator " << i;
+    const auto inner = futures[i].get();
     for (std::size_t a = 0; a < inner.size(); ++a) {
       const ChecksumType type = algorithmsWithAGenerator()[a];
       EXPECT_EQ(inner[a], referenceChecksum(type, innerInput)) << type.name();

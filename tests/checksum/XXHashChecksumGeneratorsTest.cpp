@@ -45,7 +45,9 @@ const std::vector<ChecksumType>& xxHashTypes() {
   return types;
 }
 
-std::string traceFor(ChecksumType type) { return "ChecksumType " + std::to_string(type.rawValue()); }
+std::string traceFor(ChecksumType type) {
+  return "ChecksumType " + std::to_string(type.rawValue());
+}
 
 std::size_t textWidth(ChecksumType type) { return type == ChecksumTypeXXHashH3128 ? 32 : 16; }
 
@@ -92,8 +94,8 @@ const std::vector<SanityVector>& sanityVectors() {
     for (const auto& [table, type] : tables) {
       for (const auto& entry : json.at(table)) {
         if (entry.at("seed").get<std::uint64_t>() != 0) continue;
-        result.push_back({type, entry.at("len").get<std::size_t>(),
-                          entry.at("hash").get<std::string>()});
+        result.push_back(
+            {type, entry.at("len").get<std::size_t>(), entry.at("hash").get<std::string>()});
       }
     }
     return result;
@@ -102,7 +104,8 @@ const std::vector<SanityVector>& sanityVectors() {
 }
 
 Bytes sanityInput(std::size_t length) {
-  return Bytes(sanityBuffer().begin(), sanityBuffer().begin() + static_cast<std::ptrdiff_t>(length));
+  return Bytes(sanityBuffer().begin(),
+               sanityBuffer().begin() + static_cast<std::ptrdiff_t>(length));
 }
 
 // Selects an xxHash build for the duration of a scope and restores the previous one after.
@@ -206,16 +209,15 @@ TEST(XXHashChecksumGenerators, ResultsDoNotDependOnHowTheInputIsSplit) {
   std::mt19937_64 random(seed);
   // Lengths around the 240-byte short-input limit, the 256-byte internal buffer and the
   // 1024-byte stripe block of XXH3, and the 32-byte stripe of xxHash64.
-  for (std::size_t length : {0, 1, 3, 4, 8, 9, 16, 17, 31, 32, 33, 128, 129, 240, 241, 255, 256,
-                             257, 1023, 1024, 1025, 4096, 20000, 100003}) {
+  for (std::size_t length : {0,   1,   3,   4,   8,   9,   16,   17,   31,   32,   33,    128,
+                             129, 240, 241, 255, 256, 257, 1023, 1024, 1025, 4096, 20000, 100003}) {
     const Bytes input = testsupport::randomBytes(random, length);
     for (ChecksumType type : xxHashTypes()) {
       SCOPED_TRACE(traceFor(type) + " length " + std::to_string(length));
       const auto oneChunk = checksumOf(type, input);
       ASSERT_TRUE(oneChunk.has_value());
       EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 64)), oneChunk);
-      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 3000, 3)),
-                oneChunk);
+      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 3000, 3)), oneChunk);
       if (length <= 1025) {
         EXPECT_EQ(checksumOfChunks(type, testsupport::byteAtATime(input)), oneChunk);
       }
@@ -235,8 +237,8 @@ TEST(XXHashImplementation, NamesAndSupportAreReported) {
 
 TEST(XXHashImplementation, ForcingAnUnsupportedVariantChangesNothing) {
   const auto active = activeXXHashImplementation();
-  for (auto variant : {XXHashImplementation::sse2, XXHashImplementation::avx2,
-                       XXHashImplementation::avx512}) {
+  for (auto variant :
+       {XXHashImplementation::sse2, XXHashImplementation::avx2, XXHashImplementation::avx512}) {
     if (isXXHashImplementationSupported(variant)) continue;
     EXPECT_FALSE(forceXXHashImplementation(variant)) << xxHashImplementationName(variant);
     EXPECT_EQ(activeXXHashImplementation(), active);
@@ -258,8 +260,8 @@ TEST(XXHashImplementation, EverySupportedVariantGivesIdenticalResults) {
 
   std::optional<std::vector<std::optional<std::string>>> baseline;
   int variantsRun = 0;
-  for (auto variant : {XXHashImplementation::sse2, XXHashImplementation::avx2,
-                       XXHashImplementation::avx512}) {
+  for (auto variant :
+       {XXHashImplementation::sse2, XXHashImplementation::avx2, XXHashImplementation::avx512}) {
     if (!isXXHashImplementationSupported(variant)) {
       std::cout << "[  SKIPPED ] xxHash variant " << xxHashImplementationName(variant)
                 << " is not supported on this CPU\n";

@@ -20,8 +20,8 @@ namespace {
 
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() &&
-         (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' ||
+                           text.back() == '\n')) {
     text.remove_suffix(1);
   }
   return text;
@@ -182,8 +182,8 @@ std::uint64_t randomTestSeed() {
 }
 
 std::string describeSeed(std::uint64_t seed) {
-  return "random seed " + std::to_string(seed) + " (set CORVANE_TEST_SEED=" +
-         std::to_string(seed) + " to replay)";
+  return "random seed " + std::to_string(seed) + " (set CORVANE_TEST_SEED=" + std::to_string(seed) +
+         " to replay)";
 }
 
 std::vector<SharedBytes> randomSplit(const Bytes& input, std::mt19937_64& random,

@@ -41,7 +41,7 @@ SharedBytes share(Bytes bytes);
 struct MessageDigestVector {
   std::size_t lengthInBits = 0;
   Bytes message;
-  std::string digest;  // lowercase hex
+  std::string digest;    // lowercase hex
   std::size_t line = 0;  // line of the "MD =" entry, for failure messages
 };
 // Parses every Len/Msg/MD record of `path`. Comment lines ("#") and "[L = n]" headers are

@@ -1,0 +1,124 @@
+// BigInt: a signed integer of fixed capacity, 128 words of 32 bits (4096 bits), kept in two's
+// complement across the whole capacity.
+//
+// Storage: `data` holds the words least significant first, inside the value (no heap
+// allocation). `dataLength` counts the words in use. A value is negative exactly when bit 31 of
+// word 127 is set; negative values always have dataLength 128 (all words above the magnitude are
+// 0xFFFFFFFF). Normal form, kept by every factory and operation: words at or above dataLength are
+// zero for a non-negative value, dataLength >= 1, and the top word in use is non-zero unless
+// dataLength is 1.
+//
+// Every operation returns a new value and leaves its operands unchanged, except the word
+// accessors (setData, setDataLength, getData) and bitCount(), which trims the receiver's own
+// dataLength. Failures are thrown as corvane::Exception with fixed names and reasons:
+// "ArithmeticException" (overflow, invalid text, negative exponent), "ArgumentException" (radix)
+// and "ArithmaticException" (word array too long; the spelling is part of the interface).
+// Division by zero raises nothing: divide() gives 0 and mod() the dividend's lowest word.
+//
+// Not synchronised: distinct values may be used on distinct threads, and a value may be shared
+// read-only; bitCount() and the mutating accessors must not race with other users.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "corvane/Export.hpp"
+
+namespace corvane {
+
+class CORVANE_API BigInt {
+ public:
+  // Capacity in 32-bit words.
+  static constexpr std::int32_t maxLength = 128;
+
+  // --- construction (init / initWith... / create...) -----------------------------------------
+  // Zero (dataLength 1).
+  BigInt() noexcept;
+  BigInt(const BigInt& other) noexcept;  // initWithBigInt:
+  BigInt& operator=(const BigInt& other) noexcept;
+
+  static BigInt create();                             // zero
+  static BigInt createFromInt(std::int32_t value);    // initWithInt:, sign-extended
+  static BigInt createFromLong(std::int64_t value);   // initWithLong:
+  static BigInt createFromULong(std::uint64_t value); // initWithULong:
+  static BigInt createFromBigInt(const BigInt& other);
+  // initWithUIntArray:withSize: — `words` most significant first; throws "ArithmaticException" /
+  // "Byte overflow in constructor" when size > 128; size < 1 leaves dataLength = size unchanged.
+  static BigInt createFromUIntArray(const std::uint32_t* words, std::int32_t size);
+  // initWithString:andRadix: — digits 0-9, A-Z (case-insensitive), optional leading "-".
+  // Throws "ArithmeticException" with "Invalid string in constructor." (bad digit or empty text),
+  // "Negative underflow in constructor." ("-0", "-") or "Positive overflow in constructor.", and
+  // passes on the overflow exceptions of multiply/add for values beyond the capacity.
+  static BigInt createFromString(const std::string& text, std::int64_t radix);
+
+  // --- accessors -------------------------------------------------------------------------------
+  // Word 0 of the value's own storage (all 128 words, mutable in place).
+  std::uint32_t* getData() noexcept { return data_.data(); }
+  const std::uint32_t* getData() const noexcept { return data_.data(); }
+  // Unchecked: callers keep index within 0..127.
+  std::uint32_t getDataAtIndex(std::int32_t index) const noexcept { return data_[index]; }
+  void setData(std::uint32_t word, std::int32_t atIndex) noexcept { data_[atIndex] = word; }
+  std::int32_t dataLength() const noexcept { return dataLength_; }
+  // No trimming, no check.
+  void setDataLength(std::int32_t length) noexcept { dataLength_ = length; }
+  // Word 0 as a signed 32-bit number (higher words ignored).
+  std::int32_t intValue() const noexcept { return static_cast<std::int32_t>(data_[0]); }
+  // Text in radix 2..36, upper-case digits, "-" for negatives. Throws "ArgumentException" /
+  // "Radix must be >= 2 and <= 36".
+  std::string toStringWithRadix(std::uint32_t radix) const;
+
+  // --- arithmetic, bitwise, comparison -----------------------------------------------------------
+  BigInt add(const BigInt& other) const;       // "ArithmeticException" / "Overflow"
+  BigInt subtract(const BigInt& other) const;  // "ArithmeticException" / "Overflow"
+  // "ArithmeticException" / "overflow." when bit 4095 of the product is set (even for the
+  // representable most negative value), "Multiplication overflow." when the product needs more
+  // than 128 words.
+  BigInt multiply(const BigInt& other) const;
+  BigInt negate() const;  // "ArithmeticException" / "Overflow in negation."
+  BigInt not_() const;    // `not`: complement of all 128 words
+  // Shifts over dataLength words: shiftLeft never adds a word; shiftRight is logical (no sign
+  // extension). Counts below 1 return an equal copy.
+  BigInt shiftLeft(std::int32_t bits) const;
+  BigInt shiftRight(std::int32_t bits) const;
+  // In-place buffer shifts over `withSizeOf` words; return the new used word count.
+  static std::int32_t shiftLeft(std::uint32_t* buffer, std::int32_t withSizeOf, std::int32_t bits);
+  static std::int32_t shiftRight(std::uint32_t* buffer, std::int32_t withSizeOf,
+                                 std::int32_t bits);
+  BigInt and_(const BigInt& other) const;  // `and:`
+  BigInt or_(const BigInt& other) const;   // `or:`
+  BigInt xOr(const BigInt& other) const;
+  // Bit length; trims the receiver's dataLength first. Negative values give 4096.
+  std::int32_t bitCount();
+  BigInt abs() const;  // "Overflow in negation." for the most negative value
+
+  bool equals(const BigInt& other) const noexcept;
+  bool greaterThan(const BigInt& other) const noexcept;
+  bool lessThan(const BigInt& other) const noexcept;
+  bool greaterThanOrEqualTo(const BigInt& other) const noexcept;
+  bool lessThanOrEqualTo(const BigInt& other) const noexcept;
+
+  // --- division and modular arithmetic --------------------------------------------------------
+  BigInt divide(const BigInt& divisor) const;  // truncated toward zero; by zero gives 0
+  BigInt mod(const BigInt& divisor) const;     // sign of the dividend
+  // Division primitives for non-negative operands with dividend >= divisor; fill both outputs.
+  static void singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
+                               BigInt& outRemainder);
+  static void multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
+                              BigInt& outRemainder);
+  // "ArithmeticException" / "Positive exponents only." for a negative exponent.
+  BigInt modPow(const BigInt& exponent, const BigInt& withMod) const;
+  static BigInt barrettReduction(const BigInt& x, const BigInt& andN, const BigInt& andConstant);
+  // Integer square root; the root of 0 has dataLength 0 (kept as is).
+  BigInt sqrt() const;
+  BigInt gcd(const BigInt& other) const;
+
+  // True when bit 31 of word 127 is set.
+  bool isNegative() const noexcept { return (data_[maxLength - 1] & 0x80000000u) != 0; }
+
+ private:
+  std::array<std::uint32_t, maxLength> data_{};
+  std::int32_t dataLength_ = 1;
+};
+
+}  // namespace corvane
