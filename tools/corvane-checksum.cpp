@@ -28,7 +28,7 @@ constexpr int kExitFileFailed = 1;
 constexpr int kExitUsage = 2;
 
 // The algorithms of the no-argument run, in the order they are printed.
-constexpr const char* kSampleAlgorithms = "md5,sha1,sha256,sha512,crc32,xxh64,xxh3,xxh128";
+constexpr const char* kSampleAlgorithms = "md5,sha1,sha256,sha512,crc32,xxh64,xxh3,xxh128,c4";
 
 using corvane::tool::AlgorithmName;
 

@@ -30,6 +30,8 @@ using namespace std::chrono_literals;
 using testsupport::bytesOf;
 using testsupport::checksumOf;
 using testsupport::checksumOfChunks;
+using testsupport::describeType;
+using testsupport::finalizeAndWait;
 using testsupport::QueueStall;
 using testsupport::runGenerator;
 using testsupport::share;
@@ -43,10 +45,6 @@ const std::vector<ChecksumType>& typesWithGenerator() {
   return types;
 }
 
-std::string traceFor(ChecksumType type) {
-  return "ChecksumType " + std::to_string(type.rawValue());
-}
-
 // Polls `condition` until it holds or `timeout` passes.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -55,20 +53,6 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     std::this_thread::sleep_for(1ms);
   }
   return true;
-}
-
-// Finalizes `generator` and waits (at most a minute) for its completion callback.
-std::optional<std::string> finalizeAndWait(
-    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
-  auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
-  auto future = promise->get_future();
-  generator->finalizeChecksumWithCompletionBlock(
-      [promise](const std::optional<std::string>& checksum) { promise->set_value(checksum); });
-  if (future.wait_for(60s) != std::future_status::ready) {
-    ADD_FAILURE() << "completion callback not called";
-    return std::nullopt;
-  }
-  return future.get();
 }
 
 // Known answers used below, all from RFC 1321 appendix A.5 (MD5 test suite).
@@ -96,10 +80,10 @@ TEST(CorvaneChecksumGeneratorFactory, ReturnsAGeneratorOfTheRequestedTypeForEach
   for (ChecksumType type : typesWithGenerator()) {
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
-      ADD_FAILURE() << "no generator for " << traceFor(type);
+      ADD_FAILURE() << "no generator for " << describeType(type);
       continue;
     }
-    EXPECT_EQ(generator->checksumType(), type) << traceFor(type);
+    EXPECT_EQ(generator->checksumType(), type) << describeType(type);
   }
 }
 
@@ -153,7 +137,7 @@ TEST(CorvaneChecksumGeneratorFactory, MakesANewGeneratorWithItsOwnQueueEachCall)
 
 TEST(CorvaneChecksumGenerator, FreshGeneratorIsUnfinalizedWithoutValueAndLimited) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -203,7 +187,7 @@ TEST(CorvaneChecksumGenerator, PropertySettersRoundTrip) {
 
 TEST(CorvaneChecksumGeneratorPrecalculated, IsFinalizedWithTheGivenValueBeforeAnythingHappens) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator =
         CorvaneChecksumGenerator::checksumGeneratorForType(type, std::string("0123abcd"));
     if (generator == nullptr) {
@@ -236,7 +220,7 @@ TEST(CorvaneChecksumGeneratorPrecalculated, IsNullForTypesWithoutAGenerator) {
 
 TEST(CorvaneChecksumGeneratorDeathTest, FinalizingAPrecalculatedGeneratorRaisesOnItsQueue) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     if (CorvaneChecksumGenerator::checksumGeneratorForType(type) == nullptr) {
       ADD_FAILURE() << "no generator";
       continue;
@@ -262,7 +246,7 @@ TEST(CorvaneChecksumGeneratorDeathTest, FinalizingAPrecalculatedGeneratorRaisesO
 
 TEST(CorvaneChecksumGenerator, NullBufferCallsUpdateBlockOnTheCallersThreadBeforeReturning) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -287,7 +271,7 @@ TEST(CorvaneChecksumGenerator, NullBufferCallsUpdateBlockOnTheCallersThreadBefor
 
 TEST(CorvaneChecksumGenerator, NullBufferTakesNoSemaphoreSlot) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -309,7 +293,7 @@ TEST(CorvaneChecksumGenerator, NullBufferTakesNoSemaphoreSlot) {
 
 TEST(CorvaneChecksumGenerator, NullBufferWithoutUpdateBlockIsAccepted) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -322,7 +306,7 @@ TEST(CorvaneChecksumGenerator, NullBufferWithoutUpdateBlockIsAccepted) {
 
 TEST(CorvaneChecksumGenerator, FinalizingAFreshGeneratorYieldsTheEmptyChecksumValue) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -338,7 +322,7 @@ TEST(CorvaneChecksumGenerator, FinalizingAFreshGeneratorYieldsTheEmptyChecksumVa
 TEST(CorvaneChecksumGenerator, CompletionReceivesTheStoredValueAfterEveryChunk) {
   const auto whole = bytesOf("The quick brown fox jumps over the lazy dog");
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     const auto oneChunk = checksumOf(type, whole);
     if (!oneChunk) continue;  // checksumOf reported the failure
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
@@ -359,7 +343,7 @@ TEST(CorvaneChecksumGenerator, ChunksAreAbsorbedInTheOrderTheyWereHandedOver) {
   const auto ab = std::vector<SharedBytes>{share(bytesOf("first ")), share(bytesOf("second"))};
   const auto ba = std::vector<SharedBytes>{share(bytesOf("second")), share(bytesOf("first "))};
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_EQ(checksumOfChunks(type, ab), checksumOf(type, std::string_view("first second")));
     EXPECT_NE(checksumOfChunks(type, ab), checksumOfChunks(type, ba));
   }
@@ -367,7 +351,7 @@ TEST(CorvaneChecksumGenerator, ChunksAreAbsorbedInTheOrderTheyWereHandedOver) {
 
 TEST(CorvaneChecksumGenerator, UpdateAndCompletionCallbacksRunOnTheQueue) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";
@@ -529,7 +513,7 @@ TEST(CorvaneChecksumGenerator, DifferentGeneratorsDoNotWaitForEachOther) {
 
 TEST(CorvaneChecksumGeneratorDeathTest, SecondFinalizationEndsTheProcessWithTheMisspelledMessage) {
   for (ChecksumType type : typesWithGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     if (CorvaneChecksumGenerator::checksumGeneratorForType(type) == nullptr) {
       ADD_FAILURE() << "no generator";
       continue;
@@ -647,7 +631,7 @@ TEST(CorvaneChecksumGenerator, SynchronousPairOfNonMD5GeneratorsDoesNothing) {
   const Bytes data = bytesOf("data");
   for (ChecksumType type : typesWithGenerator()) {
     if (type == ChecksumTypeMD5) continue;  // MD5 alone implements the synchronous pair
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";

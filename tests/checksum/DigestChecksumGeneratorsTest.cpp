@@ -29,6 +29,8 @@ using namespace std::chrono_literals;
 using testsupport::bytesOf;
 using testsupport::checksumOf;
 using testsupport::checksumOfChunks;
+using testsupport::describeType;
+using testsupport::finalizeAndWait;
 using testsupport::hexDecode;
 using testsupport::QueueStall;
 using testsupport::runGenerator;
@@ -38,23 +40,6 @@ const std::vector<ChecksumType>& digestTypes() {
   static const std::vector<ChecksumType> types{ChecksumTypeMD5, ChecksumTypeCRC32, ChecksumTypeSHA1,
                                                ChecksumTypeSHA256, ChecksumTypeSHA512};
   return types;
-}
-
-std::string traceFor(ChecksumType type) {
-  return "ChecksumType " + std::to_string(type.rawValue());
-}
-
-std::optional<std::string> finalizeAndWait(
-    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
-  auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
-  auto future = promise->get_future();
-  generator->finalizeChecksumWithCompletionBlock(
-      [promise](const std::optional<std::string>& checksum) { promise->set_value(checksum); });
-  if (future.wait_for(60s) != std::future_status::ready) {
-    ADD_FAILURE() << "completion callback not called";
-    return std::nullopt;
-  }
-  return future.get();
 }
 
 // Waits until every chunk handed over so far has been absorbed (a no-op chunk's callback is
@@ -134,7 +119,7 @@ TEST(DigestChecksumGenerators, FinalizingWithoutDataGivesTheEmptyInputTexts) {
 TEST(DigestChecksumGenerators, OnlyEmptyChunksGiveTheEmptyInputTexts) {
   const std::vector<SharedBytes> empties{share({}), nullptr, share({}), share({})};
   for (ChecksumType type : digestTypes()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_EQ(checksumOfChunks(type, empties), type.emptyChecksumValue());
   }
 }
@@ -181,7 +166,7 @@ TEST(DigestChecksumGenerators, TextsAreLowercaseHexOfTheFullDigestWidth) {
     for (const auto& [type, width] : widths) {
       const auto text = checksumOf(type, input);
       ASSERT_TRUE(text.has_value());
-      EXPECT_EQ(text->size(), width) << traceFor(type);
+      EXPECT_EQ(text->size(), width) << describeType(type);
       EXPECT_EQ(text->find_first_not_of("0123456789abcdef"), std::string::npos) << *text;
     }
   }
@@ -196,7 +181,7 @@ TEST(DigestChecksumGenerators, SplittingIntoChunksOfAnySizeGivesTheOneChunkResul
   for (std::size_t length : {0, 1, 55, 56, 63, 64, 65, 111, 112, 127, 128, 129, 1000, 4099}) {
     const Bytes input = testsupport::randomBytes(random, length);
     for (ChecksumType type : digestTypes()) {
-      SCOPED_TRACE(traceFor(type) + " length " + std::to_string(length));
+      SCOPED_TRACE(describeType(type) + " length " + std::to_string(length));
       const auto oneChunk = checksumOf(type, input);
       ASSERT_TRUE(oneChunk.has_value());
       // Random sizes with empty chunks mixed in (and before and after the data).
@@ -212,7 +197,7 @@ TEST(DigestChecksumGenerators, SplittingIntoChunksOfAnySizeGivesTheOneChunkResul
 TEST(DigestChecksumGenerators, NullChunksAmongDataChangeNothing) {
   const Bytes input = bytesOf("Hello, checksum world");
   for (ChecksumType type : digestTypes()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     const std::vector<SharedBytes> chunks{nullptr, share(bytesOf("Hello, ")), nullptr,
                                           share(bytesOf("checksum world")), nullptr};
     EXPECT_EQ(checksumOfChunks(type, chunks), checksumOf(type, input));
@@ -247,7 +232,7 @@ TEST(CorvaneChecksumGeneratorMD5, ZeroLengthChunkIsCalledBackSynchronously) {
 TEST(DigestChecksumGenerators, OtherDigestsQueueZeroLengthChunksAndCallBackFromTheQueue) {
   for (ChecksumType type :
        {ChecksumTypeCRC32, ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512}) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
     if (generator == nullptr) {
       ADD_FAILURE() << "no generator";

@@ -37,16 +37,13 @@ using namespace std::chrono_literals;
 using testsupport::bytesOf;
 using testsupport::checksumOf;
 using testsupport::checksumOfChunks;
+using testsupport::describeType;
 using testsupport::share;
 
 const std::vector<ChecksumType>& xxHashTypes() {
   static const std::vector<ChecksumType> types{ChecksumTypeXXHash64, ChecksumTypeXXHashH364,
                                                ChecksumTypeXXHashH3128};
   return types;
-}
-
-std::string traceFor(ChecksumType type) {
-  return "ChecksumType " + std::to_string(type.rawValue());
 }
 
 std::size_t textWidth(ChecksumType type) { return type == ChecksumTypeXXHashH3128 ? 32 : 16; }
@@ -132,7 +129,7 @@ TEST(XXHashChecksumGenerators, FinalizingWithoutDataGivesTheEmptyInputTexts) {
 
 TEST(XXHashChecksumGenerators, ZeroLengthChunksGiveTheEmptyInputTexts) {
   for (ChecksumType type : xxHashTypes()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_EQ(checksumOfChunks(type, {share({}), nullptr, share({})}), type.emptyChecksumValue());
   }
 }
@@ -156,7 +153,7 @@ TEST(XXHashChecksumGenerators, DigestsWithZeroUpperBitsKeepTheirLeadingZeros) {
       {ChecksumTypeXXHashH3128, "2716", "ecc01b5451421c2f00030a0597cd8af6"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(traceFor(c.type) + " input " + c.input);
+    SCOPED_TRACE(describeType(c.type) + " input " + c.input);
     const auto text = checksumOf(c.type, std::string_view(c.input));
     EXPECT_EQ(text, c.text);
     ASSERT_TRUE(text.has_value());
@@ -173,7 +170,7 @@ TEST(XXHashChecksumGenerators, TextsAreAlwaysFullWidthLowercaseHex) {
     for (ChecksumType type : xxHashTypes()) {
       const auto text = checksumOf(type, input);
       ASSERT_TRUE(text.has_value());
-      EXPECT_EQ(text->size(), textWidth(type)) << traceFor(type) << " " << *text;
+      EXPECT_EQ(text->size(), textWidth(type)) << describeType(type) << " " << *text;
       EXPECT_EQ(text->find_first_not_of("0123456789abcdef"), std::string::npos) << *text;
     }
   }
@@ -194,7 +191,7 @@ TEST(XXHashChecksumGenerators, SanityVectorsMatchAsOneChunkRandomChunksAndByteAt
   std::mt19937_64 random(seed);
   ASSERT_FALSE(sanityVectors().empty());
   for (const auto& vector : sanityVectors()) {
-    SCOPED_TRACE(traceFor(vector.type) + " len " + std::to_string(vector.length));
+    SCOPED_TRACE(describeType(vector.type) + " len " + std::to_string(vector.length));
     const Bytes input = sanityInput(vector.length);
     EXPECT_EQ(checksumOf(vector.type, input), vector.hash);
     EXPECT_EQ(checksumOfChunks(vector.type, testsupport::randomSplit(input, random, 300)),
@@ -213,7 +210,7 @@ TEST(XXHashChecksumGenerators, ResultsDoNotDependOnHowTheInputIsSplit) {
                              129, 240, 241, 255, 256, 257, 1023, 1024, 1025, 4096, 20000, 100003}) {
     const Bytes input = testsupport::randomBytes(random, length);
     for (ChecksumType type : xxHashTypes()) {
-      SCOPED_TRACE(traceFor(type) + " length " + std::to_string(length));
+      SCOPED_TRACE(describeType(type) + " length " + std::to_string(length));
       const auto oneChunk = checksumOf(type, input);
       ASSERT_TRUE(oneChunk.has_value());
       EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 64)), oneChunk);
@@ -275,14 +272,14 @@ TEST(XXHashImplementation, EverySupportedVariantGivesIdenticalResults) {
 
     for (const auto& vector : sanityVectors()) {
       EXPECT_EQ(checksumOf(vector.type, sanityInput(vector.length)), vector.hash)
-          << traceFor(vector.type) << " len " << vector.length;
+          << describeType(vector.type) << " len " << vector.length;
     }
     std::vector<std::optional<std::string>> results;
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       for (ChecksumType type : xxHashTypes()) {
         results.push_back(checksumOf(type, inputs[i]));
         EXPECT_EQ(checksumOfChunks(type, splits[i]), results.back())
-            << traceFor(type) << " input " << i;
+            << describeType(type) << " input " << i;
       }
     }
     if (!baseline) {
@@ -323,7 +320,7 @@ TEST(XXHashChecksumGenerators, DestroyingAnUnfinalizedGeneratorFreesItsState) {
       {ChecksumTypeXXHashH364.rawValue(), sizeof(XXH3_state_t)},
       {ChecksumTypeXXHashH3128.rawValue(), sizeof(XXH3_state_t)}};
   for (ChecksumType type : xxHashTypes()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     // Warm up lazily created process-wide objects before measuring.
     for (int i = 0; i < 50; ++i) {
       auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
@@ -385,7 +382,7 @@ TEST(XXHashChecksumGenerators, DestroyingAGeneratorWhoseStateWasTakenAwayFreesNo
 TEST(XXHashChecksumGenerators, DestroyingAFreshGeneratorIsHarmless) {
   for (ChecksumType type : xxHashTypes()) {
     auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    ASSERT_NE(generator, nullptr) << traceFor(type);
+    ASSERT_NE(generator, nullptr) << describeType(type);
     generator.reset();
   }
 }

@@ -287,6 +287,23 @@ std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGen
   return checksum;
 }
 
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
+  auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
+  auto future = promise->get_future();
+  generator->finalizeChecksumWithCompletionBlock(
+      [promise](const std::optional<std::string>& checksum) { promise->set_value(checksum); });
+  if (future.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
+    ADD_FAILURE() << "the completion callback was not called within 120 s";
+    return std::nullopt;
+  }
+  return future.get();
+}
+
+std::string describeType(ChecksumType type) {
+  return "ChecksumType " + std::to_string(type.rawValue());
+}
+
 std::optional<std::string> checksumOfChunks(ChecksumType type,
                                             const std::vector<SharedBytes>& chunks) {
   auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);

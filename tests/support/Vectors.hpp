@@ -79,6 +79,12 @@ Bytes randomBytes(std::mt19937_64& random, std::size_t count);
 // calling test.
 std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGenerator>& generator,
                                         const std::vector<SharedBytes>& chunks);
+// Finalizes `generator` and waits (at most two minutes) for its completion callback; returns the
+// text it received. Fails the calling test when the callback does not come.
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator);
+// "ChecksumType 16", for SCOPED_TRACE and failure messages.
+std::string describeType(ChecksumType type);
 // A fresh generator of `type` fed `chunks`. Fails the test when the factory has no generator.
 std::optional<std::string> checksumOfChunks(ChecksumType type,
                                             const std::vector<SharedBytes>& chunks);
