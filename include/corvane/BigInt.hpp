@@ -13,7 +13,14 @@
 // dataLength. Failures are thrown as corvane::Exception with fixed names and reasons:
 // "ArithmeticException" (overflow, invalid text, negative exponent), "ArgumentException" (radix)
 // and "ArithmaticException" (word array too long; the spelling is part of the interface).
-// Division by zero raises nothing: divide() gives 0 and mod() the dividend's lowest word.
+// Division by zero raises nothing, as a hardware word division would not: divide() gives 0, and
+// mod() gives a one-word dividend back unchanged and of a longer dividend only its lowest word
+// (with the dividend's sign).
+//
+// Capacity limits show up as exceptions, never as silently wrapped results: sums and differences
+// raise "Overflow", products "overflow." or "Multiplication overflow.". modPow() needs its
+// Barrett constant 2^(64k) (k = words of the modulus) inside the capacity, so it serves moduli of
+// at most 63 words; the products it forms stay below 2^4095 for moduli of at most 62 words.
 //
 // Not synchronised: distinct values may be used on distinct threads, and a value may be shared
 // read-only; bitCount() and the mutating accessors must not race with other users.
@@ -35,7 +42,8 @@ class CORVANE_API BigInt {
   // --- construction (init / initWith... / create...) -----------------------------------------
   // Zero (dataLength 1).
   BigInt() noexcept;
-  BigInt(const BigInt& other) noexcept;  // initWithBigInt:
+  // initWithBigInt: copies dataLength and the words below it; every other word becomes zero.
+  BigInt(const BigInt& other) noexcept;
   BigInt& operator=(const BigInt& other) noexcept;
 
   static BigInt create();                             // zero
@@ -101,13 +109,20 @@ class CORVANE_API BigInt {
   // --- division and modular arithmetic --------------------------------------------------------
   BigInt divide(const BigInt& divisor) const;  // truncated toward zero; by zero gives 0
   BigInt mod(const BigInt& divisor) const;     // sign of the dividend
-  // Division primitives for non-negative operands with dividend >= divisor; fill both outputs.
+  // Division primitives for non-negative operands with dividend >= divisor; fill both outputs
+  // (which may be the operands themselves). singleByteDivide divides by word 0 of bi2 (a zero
+  // word gives quotient 0 and keeps the lowest word of bi1 as the remainder); multiByteDivide
+  // expects a divisor of two or more words in normal form (a shorter one is passed on to
+  // singleByteDivide).
   static void singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
                                BigInt& outRemainder);
   static void multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
                               BigInt& outRemainder);
-  // "ArithmeticException" / "Positive exponents only." for a negative exponent.
+  // "ArithmeticException" / "Positive exponents only." for a negative exponent; "Overflow" when
+  // the modulus is 64 words or longer (its Barrett constant 2^(64k) does not fit).
   BigInt modPow(const BigInt& exponent, const BigInt& withMod) const;
+  // x mod n by Barrett's method in base 2^32, with andConstant = 2^(64k) / n (k = words of n).
+  // For a zero or negative n the final subtraction loop is skipped (it would never end).
   static BigInt barrettReduction(const BigInt& x, const BigInt& andN, const BigInt& andConstant);
   // Integer square root; the root of 0 has dataLength 0 (kept as is).
   BigInt sqrt() const;
@@ -117,8 +132,9 @@ class CORVANE_API BigInt {
   bool isNegative() const noexcept { return (data_[maxLength - 1] & 0x80000000u) != 0; }
 
  private:
-  std::array<std::uint32_t, maxLength> data_{};
-  std::int32_t dataLength_ = 1;
+  // Every constructor writes all 128 words itself.
+  std::array<std::uint32_t, maxLength> data_;
+  std::int32_t dataLength_;
 };
 
 }  // namespace corvane

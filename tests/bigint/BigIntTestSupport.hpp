@@ -143,6 +143,12 @@ inline BigInt fromMpz(mpz_srcptr v) {
   return wordsBigInt(words);
 }
 
+// The BigInt in normal form holding a small value.
+inline BigInt fromLong(long v) {
+  const Mpz value(v);
+  return fromMpz(value);
+}
+
 inline BigInt fromHex(const char* hex) {
   const Mpz value(hex, 16);
   return fromMpz(value);
@@ -223,6 +229,10 @@ inline ::testing::AssertionResult holds(const BigInt& actual, mpz_srcptr expecte
 inline ::testing::AssertionResult holds(const BigInt& actual, long expected) {
   const Mpz expectedValue(expected);
   return holds(actual, expectedValue);
+}
+
+inline ::testing::AssertionResult holds(const BigInt& actual, int expected) {
+  return holds(actual, static_cast<long>(expected));
 }
 
 inline ::testing::AssertionResult holdsHex(const BigInt& actual, const char* expectedHex) {
