@@ -9,55 +9,45 @@
 
 namespace corvane {
 
-class CORVANE_API CorvaneChecksumGeneratorXXHash64 : public CorvaneStreamingChecksumGenerator {
+// What the three xxHash generators share: ownership of the library's streaming state.
+class CORVANE_API CorvaneChecksumGeneratorXXHashState : public CorvaneStreamingChecksumGenerator {
+ public:
+  // The library's XXH64_state_t* or XXH3_state_t*, owned by this generator.
+  void* checksumState() const noexcept { return checksumState_; }
+  void setChecksumState(void* state) noexcept { checksumState_ = state; }
+
+ private:
+  void* checksumState_ = nullptr;
+};
+
+class CORVANE_API CorvaneChecksumGeneratorXXHash64 : public CorvaneChecksumGeneratorXXHashState {
  public:
   CorvaneChecksumGeneratorXXHash64();
   ~CorvaneChecksumGeneratorXXHash64() override;
 
-  // The library's XXH64_state_t*, owned by this generator.
-  void* checksumState() const noexcept { return checksumState_; }
-  void setChecksumState(void* state) noexcept { checksumState_ = state; }
-
  protected:
   void absorb(const std::uint8_t* bytes, std::size_t length) override;
   std::optional<std::string> finishChecksumText() override;
-
- private:
-  void* checksumState_ = nullptr;
 };
 
-class CORVANE_API CorvaneChecksumGeneratorXXHashH364 : public CorvaneStreamingChecksumGenerator {
+class CORVANE_API CorvaneChecksumGeneratorXXHashH364 : public CorvaneChecksumGeneratorXXHashState {
  public:
   CorvaneChecksumGeneratorXXHashH364();
   ~CorvaneChecksumGeneratorXXHashH364() override;
 
-  // The library's XXH3_state_t*, owned by this generator.
-  void* checksumState() const noexcept { return checksumState_; }
-  void setChecksumState(void* state) noexcept { checksumState_ = state; }
-
  protected:
   void absorb(const std::uint8_t* bytes, std::size_t length) override;
   std::optional<std::string> finishChecksumText() override;
-
- private:
-  void* checksumState_ = nullptr;
 };
 
-class CORVANE_API CorvaneChecksumGeneratorXXHashH3128 : public CorvaneStreamingChecksumGenerator {
+class CORVANE_API CorvaneChecksumGeneratorXXHashH3128 : public CorvaneChecksumGeneratorXXHashState {
  public:
   CorvaneChecksumGeneratorXXHashH3128();
   ~CorvaneChecksumGeneratorXXHashH3128() override;
 
-  // The library's XXH3_state_t*, owned by this generator.
-  void* checksumState() const noexcept { return checksumState_; }
-  void setChecksumState(void* state) noexcept { checksumState_ = state; }
-
  protected:
   void absorb(const std::uint8_t* bytes, std::size_t length) override;
   std::optional<std::string> finishChecksumText() override;
-
- private:
-  void* checksumState_ = nullptr;
 };
 
 }  // namespace corvane
