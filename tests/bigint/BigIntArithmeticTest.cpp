@@ -20,7 +20,6 @@ using bigint_test::fromLong;
 using bigint_test::fromMpz;
 using bigint_test::holds;
 using bigint_test::holdsHex;
-using bigint_test::isNormalForm;
 using bigint_test::kWords;
 using bigint_test::mostNegative;
 using bigint_test::mostPositive;
@@ -29,7 +28,6 @@ using bigint_test::mpzPowerOfTwo;
 using bigint_test::powerOfTwo;
 using bigint_test::rawBigInt;
 using bigint_test::sameRepresentation;
-using bigint_test::wordsBigInt;
 
 constexpr const char* kArithmetic = "ArithmeticException";
 
@@ -90,10 +88,10 @@ TEST(BigIntArithmetic, AddOfOppositeSignsNeverThrows) {
 
 TEST(BigIntArithmetic, AddReachingTheExtremesExactlySucceeds) {
   // (2^4095 - 2) + 1 and (-2^4095 + 1) + (-1) land exactly on the extremes.
-  EXPECT_TRUE(sameRepresentation(mostPositive().add(fromLong(-1)).add(fromLong(1)),
-                                 mostPositive()));
-  EXPECT_TRUE(sameRepresentation(mostNegative().add(fromLong(1)).add(fromLong(-1)),
-                                 mostNegative()));
+  EXPECT_TRUE(
+      sameRepresentation(mostPositive().add(fromLong(-1)).add(fromLong(1)), mostPositive()));
+  EXPECT_TRUE(
+      sameRepresentation(mostNegative().add(fromLong(1)).add(fromLong(-1)), mostNegative()));
 }
 
 TEST(BigIntArithmetic, AddDropsCarryOutOfWord127) {
@@ -193,8 +191,7 @@ TEST(BigIntArithmetic, MultiplyFullWords) {
   EXPECT_TRUE(holdsHex(square, "fffffffffffffffe0000000000000001"));
   EXPECT_EQ(square.dataLength(), 4);
   // (2^32 - 1) * -(2^32 - 1) = -(2^64 - 2^33 + 1).
-  EXPECT_TRUE(holdsHex(fromHex("ffffffff").multiply(fromHex("-ffffffff")),
-                       "-fffffffe00000001"));
+  EXPECT_TRUE(holdsHex(fromHex("ffffffff").multiply(fromHex("-ffffffff")), "-fffffffe00000001"));
 }
 
 TEST(BigIntArithmetic, MultiplyLargestProductsBelowBit4095Succeed) {
@@ -216,8 +213,7 @@ TEST(BigIntArithmetic, MultiplyReachingBit4095ThrowsOverflow) {
   EXPECT_CORVANE_EXCEPTION(powerOfTwo(4094).multiply(fromLong(2)), kArithmetic, "overflow.");
   EXPECT_CORVANE_EXCEPTION(fromLong(2).multiply(powerOfTwo(4094)), kArithmetic, "overflow.");
   // 2^2047 * 2^2048 = 2^4095.
-  EXPECT_CORVANE_EXCEPTION(powerOfTwo(2047).multiply(powerOfTwo(2048)), kArithmetic,
-                           "overflow.");
+  EXPECT_CORVANE_EXCEPTION(powerOfTwo(2047).multiply(powerOfTwo(2048)), kArithmetic, "overflow.");
   // (2^4095 - 1) * 2 = 2^4096 - 2 < 2^4096: still 128 words, bit 4095 set.
   EXPECT_CORVANE_EXCEPTION(mostPositive().multiply(fromLong(2)), kArithmetic, "overflow.");
   EXPECT_CORVANE_EXCEPTION(mostPositive().multiply(fromLong(-2)), kArithmetic, "overflow.");
@@ -225,10 +221,8 @@ TEST(BigIntArithmetic, MultiplyReachingBit4095ThrowsOverflow) {
 
 TEST(BigIntArithmetic, MultiplyGivingMostNegativeValueThrowsOverflowToo) {
   // -2^4094 * 2 = -2^4095 is representable, yet every product with bit 4095 set fails.
-  EXPECT_CORVANE_EXCEPTION(powerOfTwo(4094, true).multiply(fromLong(2)), kArithmetic,
-                           "overflow.");
-  EXPECT_CORVANE_EXCEPTION(fromLong(2).multiply(powerOfTwo(4094, true)), kArithmetic,
-                           "overflow.");
+  EXPECT_CORVANE_EXCEPTION(powerOfTwo(4094, true).multiply(fromLong(2)), kArithmetic, "overflow.");
+  EXPECT_CORVANE_EXCEPTION(fromLong(2).multiply(powerOfTwo(4094, true)), kArithmetic, "overflow.");
   EXPECT_CORVANE_EXCEPTION(powerOfTwo(4094).multiply(fromLong(-2)), kArithmetic, "overflow.");
   // The most negative value times 1 or -1: its un-negated magnitude 2^4095 has bit 4095 set.
   EXPECT_CORVANE_EXCEPTION(mostNegative().multiply(fromLong(1)), kArithmetic, "overflow.");
@@ -247,8 +241,7 @@ TEST(BigIntArithmetic, MultiplyNeedingMoreThan128WordsThrowsMultiplicationOverfl
   EXPECT_CORVANE_EXCEPTION(mostPositive().multiply(mostNegative()), kArithmetic, kReason);
   // 2 * 2^4095 (the un-negated most negative value) = 2^4096.
   EXPECT_CORVANE_EXCEPTION(fromLong(2).multiply(mostNegative()), kArithmetic, kReason);
-  EXPECT_CORVANE_EXCEPTION(powerOfTwo(3000, true).multiply(powerOfTwo(2000)), kArithmetic,
-                           kReason);
+  EXPECT_CORVANE_EXCEPTION(powerOfTwo(3000, true).multiply(powerOfTwo(2000)), kArithmetic, kReason);
 }
 
 TEST(BigIntArithmetic, MultiplyLeavesOperandsUnchangedWhenItThrows) {
@@ -453,9 +446,9 @@ TEST(BigIntArithmetic, BitwiseOperationsOnMultiWordValues) {
   //   b = 0000 ffff ffff 0ff0 0ff0
   const BigInt a = fromHex("ffff00000000ff00ff00");
   const BigInt b = fromHex("0000ffffffff0ff00ff0");
-  EXPECT_TRUE(holdsHex(a.and_(b), "0f000f00"));                  // 0000 0000 0000 0f00 0f00
-  EXPECT_TRUE(holdsHex(a.or_(b), "fffffffffffffff0fff0"));      // ffff ffff ffff fff0 fff0
-  EXPECT_TRUE(holdsHex(a.xOr(b), "fffffffffffff0f0f0f0"));      // ffff ffff ffff f0f0 f0f0
+  EXPECT_TRUE(holdsHex(a.and_(b), "0f000f00"));             // 0000 0000 0000 0f00 0f00
+  EXPECT_TRUE(holdsHex(a.or_(b), "fffffffffffffff0fff0"));  // ffff ffff ffff fff0 fff0
+  EXPECT_TRUE(holdsHex(a.xOr(b), "fffffffffffff0f0f0f0"));  // ffff ffff ffff f0f0 f0f0
   // Words equal in both operands cancel and the result is trimmed to one word.
   const BigInt cancelled = a.xOr(fromHex("ffff00000000ff000000"));
   EXPECT_TRUE(holds(cancelled, 0xff00));
@@ -465,7 +458,7 @@ TEST(BigIntArithmetic, BitwiseOperationsOnMultiWordValues) {
 TEST(BigIntArithmetic, BitwiseOperationsWithNegativeOperandsCoverAllWords) {
   EXPECT_TRUE(holds(fromLong(-2).and_(fromLong(-3)), -4));  // ...110 & ...101 = ...100
   EXPECT_TRUE(holds(fromLong(-2).or_(fromLong(1)), -1));
-  EXPECT_TRUE(holds(fromLong(-1).xOr(fromLong(5)), -6));    // ~5
+  EXPECT_TRUE(holds(fromLong(-1).xOr(fromLong(5)), -6));  // ~5
   EXPECT_TRUE(holds(fromLong(-1).xOr(fromLong(-1)), 0));
   EXPECT_TRUE(holds(fromLong(5).xOr(fromLong(3)), 6));
   EXPECT_TRUE(sameRepresentation(mostNegative().or_(mostPositive()), fromLong(-1)));

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "bigint/BigIntTestSupport.hpp"
@@ -21,7 +22,6 @@ using bigint_test::fromLong;
 using bigint_test::fromMpz;
 using bigint_test::holds;
 using bigint_test::holdsHex;
-using bigint_test::isNormalForm;
 using bigint_test::kWords;
 using bigint_test::mostNegative;
 using bigint_test::mostPositive;
@@ -40,7 +40,7 @@ BigInt garbage() { return rawBigInt(std::vector<std::uint32_t>(kWords, 0x5A5A5A5
 
 // Checks divide and mod of x by d against GMP's truncating division, plus the identity
 // quotient * divisor + remainder == dividend computed with BigInt itself.
-::testing::AssertionResult dividesLikeGmp(const Mpz& x, const Mpz& d) {
+::testing::AssertionResult dividesLikeGmpUnguarded(const Mpz& x, const Mpz& d) {
   Mpz q;
   Mpz r;
   mpz_tdiv_qr(q, r, x, d);
@@ -48,16 +48,26 @@ BigInt garbage() { return rawBigInt(std::vector<std::uint32_t>(kWords, 0x5A5A5A5
   const BigInt divisor = fromMpz(d);
   const BigInt quotient = dividend.divide(divisor);
   const BigInt remainder = dividend.mod(divisor);
-  ::testing::AssertionResult quotientOk = holds(quotient, q);
-  if (!quotientOk) return quotientOk << " (quotient of 0x" << x.toString() << " / 0x" << d.toString() << ")";
-  ::testing::AssertionResult remainderOk = holds(remainder, r);
-  if (!remainderOk) return remainderOk << " (remainder of 0x" << x.toString() << " / 0x" << d.toString() << ")";
+  const std::string operands = bigint_test::hexOf(x) + " / " + bigint_test::hexOf(d);
+  if (auto ok = holds(quotient, q); !ok) return ok << " (quotient of " << operands << ")";
+  if (auto ok = holds(remainder, r); !ok) return ok << " (remainder of " << operands << ")";
   const BigInt back = quotient.multiply(divisor).add(remainder);
   if (!sameRepresentation(back, dividend)) {
     return ::testing::AssertionFailure() << "quotient * divisor + remainder = " << describe(back)
                                          << " differs from the dividend " << describe(dividend);
   }
   return ::testing::AssertionSuccess();
+}
+
+// The same, with an exception reported as a failure of this case rather than of the whole test.
+::testing::AssertionResult dividesLikeGmp(const Mpz& x, const Mpz& d) {
+  try {
+    return dividesLikeGmpUnguarded(x, d);
+  } catch (const Exception& e) {
+    return ::testing::AssertionFailure()
+           << "threw \"" << e.name() << "\" / \"" << e.reason() << "\" dividing "
+           << bigint_test::hexOf(x) << " by " << bigint_test::hexOf(d);
+  }
 }
 
 ::testing::AssertionResult dividesLikeGmp(const char* xHex, const char* dHex) {
@@ -180,8 +190,7 @@ TEST(BigIntDivision, MultiByteDivideFillsQuotientAndRemainder) {
   // 2^96 / (2^95 + 1) = 1, remainder 2^95 - 1.
   BigInt quotient = garbage();
   BigInt remainder = garbage();
-  BigInt::multiByteDivide(powerOfTwo(96), fromHex("800000000000000000000001"), quotient,
-                          remainder);
+  BigInt::multiByteDivide(powerOfTwo(96), fromHex("800000000000000000000001"), quotient, remainder);
   EXPECT_TRUE(holds(quotient, 1));
   EXPECT_TRUE(holdsHex(remainder, "7fffffffffffffffffffffff"));
 }
@@ -315,18 +324,55 @@ TEST(BigIntDivision, MultiWordDivisionOfEqualAndNearlyEqualValues) {
   EXPECT_TRUE(dividesLikeGmp("-123456789abcdef0123456789", "123456789abcdef0123456789"));
 }
 
-TEST(BigIntDivision, DivisorsOfUpTo128WordsGiveExactQuotients) {
-  // The largest operands: the most positive value by divisors of 65 to 128 words.
+TEST(BigIntDivision, DivisorsOf65To126WordsGiveExactQuotients) {
+  // The largest dividend, the most positive value, by divisors longer than 64 words; GMP gives
+  // the expected values.
   const Mpz x = toMpz(mostPositive());
-  for (unsigned long bits : {2049ul, 3000ul, 4000ul, 4033ul, 4063ul, 4064ul, 4065ul, 4094ul,
-                             4095ul}) {
+  for (unsigned long bits : {2049ul, 3000ul, 4000ul, 4001ul, 4017ul, 4032ul}) {
     SCOPED_TRACE("divisor of " + std::to_string(bits) + " bits");
     Mpz d = mpzPowerOfTwo(bits - 1);
     mpz_add_ui(d, d, 12345);
     EXPECT_TRUE(dividesLikeGmp(x, d));
   }
-  EXPECT_TRUE(holds(mostPositive().divide(mostPositive()), 1));
-  EXPECT_TRUE(holds(mostPositive().mod(mostPositive()), 0));
+}
+
+TEST(BigIntDivision, DivisorsOf127WordsGiveExactQuotients) {
+  // Divisors of 4033 to 4064 bits; with the most positive value as dividend the quotient has up
+  // to 63 bits, spread over two quotient words. GMP gives the expected values.
+  const Mpz x = toMpz(mostPositive());
+  for (unsigned long bits : {4033ul, 4040ul, 4049ul, 4063ul, 4064ul}) {
+    SCOPED_TRACE("divisor of " + std::to_string(bits) + " bits");
+    Mpz d = mpzPowerOfTwo(bits - 1);
+    mpz_add_ui(d, d, 12345);
+    EXPECT_TRUE(dividesLikeGmp(x, d));
+    mpz_setbit(d, bits - 2);
+    EXPECT_TRUE(dividesLikeGmp(x, d));
+  }
+  // d = 0xFFFF * 2^4032 + 1 (127 words, top word 0xFFFF) and x = d * 0x5_FFFFFFFF + 7: the
+  // second quotient word is 0xFFFFFFFF, the largest there is.
+  Mpz d(0xFFFFL);
+  mpz_mul_2exp(d, d, 4032);
+  mpz_add_ui(d, d, 1);
+  ASSERT_EQ(fromMpz(d).dataLength(), 127);
+  Mpz largeDigits;
+  mpz_mul(largeDigits, d, Mpz("5ffffffff", 16));
+  mpz_add_ui(largeDigits, largeDigits, 7);
+  EXPECT_TRUE(dividesLikeGmp(largeDigits, d));
+}
+
+TEST(BigIntDivision, DivisorsOf128WordsGiveExactQuotients) {
+  // A divisor of 128 words (and so a dividend of 128 words) is the longest division there is.
+  const Mpz x = toMpz(mostPositive());
+  for (unsigned long bits : {4065ul, 4094ul, 4095ul}) {
+    SCOPED_TRACE("divisor of " + std::to_string(bits) + " bits");
+    Mpz d = mpzPowerOfTwo(bits - 1);
+    mpz_add_ui(d, d, 12345);
+    EXPECT_TRUE(dividesLikeGmp(x, d));
+  }
+  EXPECT_TRUE(dividesLikeGmp(x, x));
+  Mpz belowX;
+  mpz_sub_ui(belowX, x, 1);
+  EXPECT_TRUE(dividesLikeGmp(belowX, x));  // |a| < |b|: no long division at all
 }
 
 // --- modPow and Barrett reduction -------------------------------------------------------------
@@ -448,7 +494,7 @@ TEST(BigIntDivision, BarrettReductionReducesBelowTheModulus) {
 TEST(BigIntDivision, SqrtOfPerfectSquare) {
   EXPECT_TRUE(holds(fromLong(16).sqrt(), 4));
   EXPECT_TRUE(holds(fromLong(1).sqrt(), 1));
-  EXPECT_TRUE(holds(powerOfTwo(4094).sqrt(), mpzPowerOfTwo(2047)));
+  EXPECT_TRUE(holds(powerOfTwo(4092).sqrt(), mpzPowerOfTwo(2046)));
   // (2^1000 + 3)^2 has root 2^1000 + 3.
   Mpz root = mpzPowerOfTwo(1000);
   mpz_add_ui(root, root, 3);
@@ -463,9 +509,19 @@ TEST(BigIntDivision, SqrtRoundsDown) {
   EXPECT_TRUE(holds(fromLong(2).sqrt(), 1));
   // floor(sqrt(2^64 - 1)) = 2^32 - 1.
   EXPECT_TRUE(holds(fromHex("ffffffffffffffff").sqrt(), 0xFFFFFFFFL));
-  Mpz expected;
-  mpz_sqrt(expected, toMpz(mostPositive()));
-  EXPECT_TRUE(holds(mostPositive().sqrt(), expected));
+  // floor(sqrt(2^4094 - 1)) = 2^2047 - 1, the largest root that can be computed.
+  Mpz x = mpzPowerOfTwo(4094);
+  mpz_sub_ui(x, x, 1);
+  Mpz expected = mpzPowerOfTwo(2047);
+  mpz_sub_ui(expected, expected, 1);
+  EXPECT_TRUE(holds(fromMpz(x).sqrt(), expected));
+}
+
+TEST(BigIntDivision, SqrtFromTwoTo4094UpThrowsOverflow) {
+  // From 2^4094 on, bit 2047 of the root is kept, and the next trial root 2^2047 + 2^2046
+  // squares to 2^4095 + 2^4092, whose bit 4095 makes multiply raise "overflow.".
+  EXPECT_CORVANE_EXCEPTION(powerOfTwo(4094).sqrt(), kArithmetic, "overflow.");
+  EXPECT_CORVANE_EXCEPTION(mostPositive().sqrt(), kArithmetic, "overflow.");
 }
 
 TEST(BigIntDivision, SqrtOfZeroHasDataLengthZero) {

@@ -18,8 +18,6 @@ namespace corvane {
 namespace {
 
 using bigint_test::allWords;
-using bigint_test::describe;
-using bigint_test::fromMpz;
 using bigint_test::holds;
 using bigint_test::holdsHex;
 using bigint_test::isNormalForm;
@@ -28,8 +26,6 @@ using bigint_test::mostNegative;
 using bigint_test::mostPositive;
 using bigint_test::Mpz;
 using bigint_test::mpzPowerOfTwo;
-using bigint_test::rawBigInt;
-using bigint_test::wordsBigInt;
 
 constexpr const char* kArithmetic = "ArithmeticException";
 
@@ -412,8 +408,8 @@ TEST(BigIntRadixConversion, TextBeyondCapacityPassesOnMultiplyOverflow) {
     mpz_ui_pow_ui(above, 36, 793);
     ASSERT_LE(mpz_sizeinbase(below, 2), 4095u);
     ASSERT_GT(mpz_sizeinbase(above, 2), 4096u);
-    EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("1" + std::string(793, '0'), 36),
-                             kArithmetic, "Multiplication overflow.");
+    EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("1" + std::string(793, '0'), 36), kArithmetic,
+                             "Multiplication overflow.");
   }
 }
 
@@ -428,8 +424,8 @@ TEST(BigIntRadixConversion, TextBeyondCapacityPassesOnAddOverflow) {
   mpz_mul_ui(top, top, 5);
   ASSERT_LE(mpz_sizeinbase(top, 2), 4095u);
   ASSERT_EQ(mpz_sizeinbase(total, 2), 4096u);
-  EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("5" + std::string(1232, '9'), 10),
-                           kArithmetic, "Overflow");
+  EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("5" + std::string(1232, '9'), 10), kArithmetic,
+                           "Overflow");
 }
 
 // --- writing text --------------------------------------------------------------------------
@@ -499,8 +495,8 @@ TEST(BigIntRadixConversion, ExtremesRoundTrip) {
 TEST(BigIntRadixConversion, MostNegativeValueInHexadecimalCannotBeReadBack) {
   // "-8" followed by 1023 zeros: the top digit's product 16^1023 * -8 has magnitude 2^4095,
   // and every product with bit 4095 set raises "overflow.", the representable one included.
-  EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("-8" + std::string(1023, '0'), 16),
-                           kArithmetic, "overflow.");
+  EXPECT_CORVANE_EXCEPTION(BigInt::createFromString("-8" + std::string(1023, '0'), 16), kArithmetic,
+                           "overflow.");
 }
 
 TEST(BigIntRadixConversion, WritingLeavesTheValueUnchanged) {

@@ -51,8 +51,8 @@ class Mpz {
 
   mpz_ptr get() { return value_; }
   mpz_srcptr get() const { return value_; }
-  operator mpz_ptr() { return value_; }              // NOLINT: passes straight to mpz_*
-  operator mpz_srcptr() const { return value_; }     // NOLINT
+  operator mpz_ptr() { return value_; }           // NOLINT: passes straight to mpz_*
+  operator mpz_srcptr() const { return value_; }  // NOLINT
 
   std::string toString(int radix = 16) const {
     std::vector<char> buffer(mpz_sizeinbase(value_, radix) + 2);
@@ -63,6 +63,12 @@ class Mpz {
  private:
   mpz_t value_;
 };
+
+// "0x1f", "-0x1f": a value for failure messages.
+inline std::string hexOf(const Mpz& value) {
+  const std::string digits = value.toString(16);
+  return digits[0] == '-' ? "-0x" + digits.substr(1) : "0x" + digits;
+}
 
 // 2^bits as an Mpz.
 inline Mpz mpzPowerOfTwo(unsigned long bits) {
@@ -178,7 +184,7 @@ inline BigInt powerOfTwo(unsigned long bits, bool negative = false) {
 // Words of a value for failure messages: "len=3 [0x..., 0x..., 0x...] (+ 125 zero words)".
 inline std::string describe(const BigInt& value) {
   std::ostringstream out;
-  out << "len=" << value.dataLength() << " value=0x" << toMpz(value).toString(16) << " words[";
+  out << "len=" << value.dataLength() << " value=" << hexOf(toMpz(value)) << " words[";
   int shown = kWords;
   while (shown > 1 && value.getDataAtIndex(shown - 1) == 0) --shown;
   for (int i = 0; i < shown; ++i) {
@@ -220,8 +226,8 @@ inline ::testing::AssertionResult holds(const BigInt& actual, mpz_srcptr expecte
   if (mpz_cmp(actualValue, expected) != 0) {
     Mpz expectedCopy;
     mpz_set(expectedCopy, expected);
-    return ::testing::AssertionFailure() << "expected 0x" << expectedCopy.toString(16)
-                                         << ", got " << describe(actual);
+    return ::testing::AssertionFailure()
+           << "expected " << hexOf(expectedCopy) << ", got " << describe(actual);
   }
   return isNormalForm(actual);
 }
@@ -257,21 +263,21 @@ inline ::testing::AssertionResult throwsException(const std::function<void()>& a
     action();
   } catch (const Exception& e) {
     if (e.name() == name && e.reason() == reason) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "threw \"" << e.name() << "\" / \"" << e.reason()
-                                         << "\", expected \"" << name << "\" / \"" << reason
-                                         << "\"";
+    return ::testing::AssertionFailure()
+           << "threw \"" << e.name() << "\" / \"" << e.reason() << "\", expected \"" << name
+           << "\" / \"" << reason << "\"";
   } catch (const std::exception& e) {
     return ::testing::AssertionFailure() << "threw a non-corvane exception: " << e.what();
   } catch (...) {
     return ::testing::AssertionFailure() << "threw an unknown exception";
   }
-  return ::testing::AssertionFailure() << "threw nothing, expected \"" << name << "\" / \""
-                                       << reason << "\"";
+  return ::testing::AssertionFailure()
+         << "threw nothing, expected \"" << name << "\" / \"" << reason << "\"";
 }
 
 #define EXPECT_CORVANE_EXCEPTION(statement, name, reason)                                      \
-  EXPECT_TRUE(::corvane::bigint_test::throwsException([&]() { (void)(statement); }, (name), \
-                                                      (reason)))                            \
+  EXPECT_TRUE(                                                                                 \
+      ::corvane::bigint_test::throwsException([&]() { (void)(statement); }, (name), (reason))) \
       << "statement: " #statement
 
 // --- random values --------------------------------------------------------------------------
