@@ -2,12 +2,11 @@
 // CorvaneC4DataUtility, which turns an ID back into the bytes of its number.
 //
 // Known answers come from tests/data/vectors/c4_id_vectors.json (origin in SOURCES.md beside
-// it). Everything else is checked against a reference written here from scratch: SHA-512 from
-// OpenSSL EVP, base 58 from GMP, with the alphabet spelt out in this file rather than taken from
-// the library.
+// it). Everything else is checked against references written from scratch, with the alphabet
+// spelt out rather than taken from the library: IDs from support/References.hpp (SHA-512 from
+// OpenSSL EVP, written in base 58), and the bytes of an ID's number from GMP, below.
 #include <gmp.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cctype>
@@ -29,6 +28,7 @@
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/CorvaneLog.hpp"
 #include "corvane/DigestChecksumGenerators.hpp"
+#include "support/References.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {
@@ -36,28 +36,20 @@ namespace {
 
 using namespace std::chrono_literals;
 using testsupport::bytesOf;
+using testsupport::c4IdOfNumber;
+using testsupport::c4Reference;
 using testsupport::hexDecode;
 using testsupport::hexEncode;
+using testsupport::kC4DigitCount;
+using testsupport::kC4ReferenceAlphabet;
+using testsupport::sha512Digest;
 using testsupport::share;
-
-// The base-58 alphabet of C4 IDs, written out independently of kC4CharacterString: the digits
-// 1-9, the upper-case letters without I and O, the lower-case letters without l.
-constexpr char kReferenceAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
-constexpr std::size_t kDigitCount = 88;  // characters of an ID after "c4"
 
 // C4 ID of empty input, from c4_id_vectors.json ("identify", input "").
 constexpr char kEmptyInputId[] =
     "c459dsjfscH38cYeXXYogktxf4Cd9ibshE3BHUo6a58hBXmRQdZrAkZzsWcbWtDg5oQstpDuni4Hirj75GEmTc1sFT";
 
-// ----- independent reference ----------------------------------------------------------------
-
-Bytes sha512(const Bytes& data) {
-  Bytes digest(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha512(), nullptr), 1);
-  digest.resize(length);
-  return digest;
-}
+// ----- independent reference: from an ID back to bytes ------------------------------------------
 
 // RAII holder for one GMP integer.
 class Mpz {
@@ -72,40 +64,13 @@ class Mpz {
   mpz_t value_;
 };
 
-// Value of a digit of mpz_get_str in bases 37..62: 0-9, then A-Z, then a-z.
-int gmpDigitValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'A' && digit <= 'Z') return digit - 'A' + 10;
-  if (digit >= 'a' && digit <= 'z') return digit - 'a' + 36;
-  ADD_FAILURE() << "unexpected GMP digit " << digit;
-  return 0;
-}
-
-// The C4 ID of a big-endian number (a SHA-512 digest): GMP's base-58 digits translated into
-// the C4 alphabet, left-filled with the zero digit "1" to 88 places, prefixed with "c4".
-std::string referenceC4IdOfNumber(const Bytes& bigEndian) {
-  Mpz number;
-  if (!bigEndian.empty()) mpz_import(number.get(), bigEndian.size(), 1, 1, 1, 0, bigEndian.data());
-  std::string gmpDigits(mpz_sizeinbase(number.get(), 58) + 2, '\0');
-  mpz_get_str(gmpDigits.data(), 58, number.get());
-  gmpDigits.resize(gmpDigits.find('\0'));
-  std::string digits;
-  if (gmpDigits != "0") {
-    for (char digit : gmpDigits) digits.push_back(kReferenceAlphabet[gmpDigitValue(digit)]);
-  }
-  if (digits.size() < kDigitCount) digits.insert(0, kDigitCount - digits.size(), '1');
-  return "c4" + digits;
-}
-
-std::string referenceC4Id(const Bytes& data) { return referenceC4IdOfNumber(sha512(data)); }
-
 // The bytes CorvaneC4DataUtility gives with storeAsBigEndian true: the number encoded by the 88
 // digits as 32-bit words, most significant first, each most significant byte first; leading
 // zero words dropped, but at least one word.
 Bytes referenceBigEndianWords(const std::string& c4Id) {
   Mpz number;
   for (std::size_t i = 2; i < c4Id.size(); ++i) {
-    const std::string alphabet = kReferenceAlphabet;
+    const std::string alphabet = kC4ReferenceAlphabet;
     const auto position = alphabet.find(c4Id[i]);
     EXPECT_NE(position, std::string::npos) << "not a C4 digit: " << c4Id[i];
     mpz_mul_ui(number.get(), number.get(), 58);
@@ -206,13 +171,13 @@ std::vector<DigestVector> digestVectors() {
   return vectors;
 }
 
-std::string hexOfSha512(const Bytes& data) { return hexEncode(sha512(data)); }
+std::string hexOfSha512(const Bytes& data) { return hexEncode(sha512Digest(data)); }
 
 // ----- constants ----------------------------------------------------------------------------
 
 TEST(C4Identifier, AlphabetIsTheBase58AlphabetWithoutLookAlikes) {
-  EXPECT_EQ(std::string(kC4CharacterString), kReferenceAlphabet);
-  EXPECT_EQ(CorvaneChecksumGeneratorC4::base58String(), kReferenceAlphabet);
+  EXPECT_EQ(std::string(kC4CharacterString), kC4ReferenceAlphabet);
+  EXPECT_EQ(CorvaneChecksumGeneratorC4::base58String(), kC4ReferenceAlphabet);
   const std::string alphabet = kC4CharacterString;
   EXPECT_EQ(alphabet.size(), 58u);
   for (char lookAlike : {'0', 'O', 'I', 'l'}) {
@@ -241,7 +206,7 @@ TEST(C4Generator, EmptyInputGivesTheKnownId) {
   EXPECT_EQ(streamedC4Id({share({})}), kEmptyInputId);
   EXPECT_EQ(libraryC4Id({}), kEmptyInputId);
   EXPECT_EQ(ChecksumTypeC4.emptyChecksumValue(), kEmptyInputId);
-  EXPECT_EQ(referenceC4Id({}), kEmptyInputId);  // the reference agrees with the vector file
+  EXPECT_EQ(c4Reference({}), kEmptyInputId);  // the reference agrees with the vector file
 }
 
 TEST(C4Generator, IdentifyVectorsGiveTheirIds) {
@@ -251,7 +216,7 @@ TEST(C4Generator, IdentifyVectorsGiveTheirIds) {
   SCOPED_TRACE(testsupport::describeSeed(testsupport::randomTestSeed()));
   for (const auto& vector : vectors) {
     SCOPED_TRACE("input hex \"" + hexEncode(vector.input) + "\"");
-    EXPECT_EQ(referenceC4Id(vector.input), vector.c4Id);
+    EXPECT_EQ(c4Reference(vector.input), vector.c4Id);
     EXPECT_EQ(libraryC4Id(vector.input), vector.c4Id);
     EXPECT_EQ(streamedC4Id({share(vector.input)}), vector.c4Id);
     EXPECT_EQ(streamedC4Id(testsupport::byteAtATime(vector.input)), vector.c4Id);
@@ -269,7 +234,7 @@ TEST(C4Generator, DigestVectorsGiveTheirIds) {
     EXPECT_EQ(CorvaneChecksumGeneratorC4::c4IdFromSHA512Hex(vector.digestHex), vector.c4Id);
     const auto digest = hexDecode(vector.digestHex);
     ASSERT_TRUE(digest.has_value());
-    EXPECT_EQ(referenceC4IdOfNumber(*digest), vector.c4Id);
+    EXPECT_EQ(c4IdOfNumber(*digest), vector.c4Id);
   }
 }
 
@@ -292,7 +257,7 @@ TEST(C4Generator, IdsOfRandomDataMatchTheIndependentReference) {
   for (std::size_t length : sizes) {
     SCOPED_TRACE("length " + std::to_string(length));
     const Bytes data = testsupport::randomBytes(random, length);
-    const std::string expected = referenceC4Id(data);
+    const std::string expected = c4Reference(data);
     ASSERT_EQ(expected.size(), 90u);
     EXPECT_EQ(libraryC4Id(data), expected);
     EXPECT_EQ(CorvaneChecksumGeneratorC4::c4IdFromSHA512Hex(hexOfSha512(data)), expected);
@@ -308,7 +273,7 @@ TEST(C4Generator, EveryIdIsNinetyCharactersOfTheAlphabetBehindC4) {
     ASSERT_TRUE(id.has_value());
     ASSERT_EQ(id->size(), 90u);
     EXPECT_EQ(id->substr(0, 2), "c4");
-    EXPECT_EQ(id->find_first_not_of(kReferenceAlphabet, 2), std::string::npos) << *id;
+    EXPECT_EQ(id->find_first_not_of(kC4ReferenceAlphabet, 2), std::string::npos) << *id;
   }
 }
 
@@ -331,7 +296,7 @@ TEST(C4Generator, ShortBase58FormIsLeftFilledWithOnes) {
     std::fill_n(digest.begin(), zeroBytes, 0);
     SCOPED_TRACE("digest " + hexEncode(digest));
     const std::string id = CorvaneChecksumGeneratorC4::c4IdFromSHA512Hex(hexEncode(digest));
-    EXPECT_EQ(id, referenceC4IdOfNumber(digest));
+    EXPECT_EQ(id, c4IdOfNumber(digest));
     EXPECT_EQ(id.size(), 90u);
     EXPECT_EQ(id[2], '1');
   }
@@ -376,7 +341,7 @@ TEST(C4Generator, StreamingWithRandomSplitsEqualsOneShot) {
     SCOPED_TRACE("length " + std::to_string(data.size()));
     const auto oneShot = libraryC4Id(data);
     ASSERT_TRUE(oneShot.has_value());
-    EXPECT_EQ(*oneShot, referenceC4Id(data));
+    EXPECT_EQ(*oneShot, c4Reference(data));
     const std::size_t maxChunk = std::max<std::size_t>(data.size() / 5, 1);
     EXPECT_EQ(streamedC4Id(testsupport::randomSplit(data, random, maxChunk)), oneShot);
     EXPECT_EQ(streamedC4Id(testsupport::fixedSplit(data, 128)), oneShot);
@@ -389,7 +354,7 @@ TEST(CorvaneC4DataUtility, BigEndianRoundTripGivesTheSha512Bytes) {
   CapturedLog log;
   for (const auto& vector : identifyVectors()) {
     SCOPED_TRACE(vector.c4Id);
-    const Bytes digest = sha512(vector.input);
+    const Bytes digest = sha512Digest(vector.input);
     ASSERT_NE(digest[0] | digest[1] | digest[2] | digest[3], 0);  // a full 16-word number
     EXPECT_EQ(CorvaneC4DataUtility::convertC4ChecksumToData(vector.c4Id, true), digest);
   }
@@ -403,7 +368,7 @@ TEST(CorvaneC4DataUtility, BigEndianRoundTripGivesTheSha512Bytes) {
     ASSERT_TRUE(bytes.has_value());
     EXPECT_EQ(*bytes, referenceBigEndianWords(*id));
     // A digest whose top 32 bits are zero (one in 2^32) would come back 4 bytes shorter.
-    Bytes digest = sha512(data);
+    Bytes digest = sha512Digest(data);
     while (digest.size() > 4 && digest[0] == 0 && digest[1] == 0 && digest[2] == 0 &&
            digest[3] == 0) {
       digest.erase(digest.begin(), digest.begin() + 4);
@@ -473,7 +438,8 @@ TEST(CorvaneC4DataUtility, ArbitraryDigitsConvertLikeTheReference) {
   std::uniform_int_distribution<int> digit(0, 57);
   for (int i = 0; i < 100; ++i) {
     std::string id = "c4";
-    for (std::size_t d = 0; d < kDigitCount; ++d) id.push_back(kReferenceAlphabet[digit(random)]);
+    for (std::size_t d = 0; d < kC4DigitCount; ++d)
+      id.push_back(kC4ReferenceAlphabet[digit(random)]);
     // Some with leading zero digits, down to a number of one word.
     if (i % 4 == 1) std::fill_n(id.begin() + 2, static_cast<std::ptrdiff_t>(i % 88), '1');
     SCOPED_TRACE(id);
@@ -498,7 +464,7 @@ TEST(CorvaneC4DataUtility, LittleEndianReversesBytesWithinEachWordOnly) {
     SCOPED_TRACE(vector.c4Id);
     const auto little = CorvaneC4DataUtility::convertC4ChecksumToData(vector.c4Id, false);
     ASSERT_TRUE(little.has_value());
-    EXPECT_EQ(*little, reverseBytesWithinWords(sha512(vector.input)));
+    EXPECT_EQ(*little, reverseBytesWithinWords(sha512Digest(vector.input)));
   }
 }
 
@@ -507,7 +473,7 @@ TEST(CorvaneC4DataUtility, FirstTwoCharactersAreNotExamined) {
   const std::string digits = std::string(kEmptyInputId).substr(2);
   const auto expected = CorvaneC4DataUtility::convertC4ChecksumToData(kEmptyInputId, true);
   ASSERT_TRUE(expected.has_value());
-  EXPECT_EQ(*expected, sha512({}));
+  EXPECT_EQ(*expected, sha512Digest({}));
   for (const std::string prefix : {"xx", "C4", "00", "lO", "  ", "4c"}) {
     SCOPED_TRACE("prefix \"" + prefix + "\"");
     EXPECT_EQ(CorvaneC4DataUtility::convertC4ChecksumToData(prefix + digits, true), expected);
@@ -526,7 +492,7 @@ TEST(CorvaneC4DataUtility, LengthIsCountedInCharactersNotBytes) {
                                                           "4" +
                                                               digits,
                                                           true),
-            sha512({}));
+            sha512Digest({}));
   // "c4", 88 digits and "é" is 91 characters: null, silently.
   EXPECT_FALSE(
       CorvaneC4DataUtility::convertC4ChecksumToData("c4" + digits + "\xc3\xa9", true).has_value());

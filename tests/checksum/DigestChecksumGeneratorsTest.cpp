@@ -2,11 +2,9 @@
 // variant and its short print form, SHA-1, SHA-256 and SHA-512.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <future>
 #include <memory>
 #include <optional>
@@ -18,8 +16,8 @@
 #include "corvane/ChecksumType.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/DigestChecksumGenerators.hpp"
-#include "dispatch/CountingSemaphore.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "support/References.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {
@@ -29,6 +27,9 @@ using namespace std::chrono_literals;
 using testsupport::bytesOf;
 using testsupport::checksumOf;
 using testsupport::checksumOfChunks;
+using testsupport::crc32Reference;
+using testsupport::crc32ReferenceRegister;
+using testsupport::crc32ReferenceTable;
 using testsupport::describeType;
 using testsupport::finalizeAndWait;
 using testsupport::hexDecode;
@@ -52,43 +53,12 @@ void waitUntilAbsorbed(const std::shared_ptr<CorvaneChecksumGenerator>& generato
 }
 
 // ----- reference CRC-32, byte at a time ------------------------------------------------------
-// The straightforward algorithm the library's CRC-32 must equal bit for bit: the reflected table
-// of the polynomial 0x04C11DB7 (0xEDB88320 reversed), a register that starts at 0, and the
-// complement printed with "%02x".
-
-const std::array<std::uint32_t, 256>& referenceCrcTable() {
-  static const std::array<std::uint32_t, 256> table = [] {
-    std::array<std::uint32_t, 256> entries{};
-    for (std::uint32_t n = 0; n < 256; ++n) {
-      std::uint32_t value = n;
-      for (int bit = 0; bit < 8; ++bit) {
-        value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
-      }
-      entries[n] = value;
-    }
-    return entries;
-  }();
-  return table;
-}
-
-std::uint32_t referenceCrcRegister(const Bytes& data, std::uint32_t crcRegister = 0) {
-  const auto& table = referenceCrcTable();
-  for (std::uint8_t byte : data) {
-    crcRegister = table[(crcRegister ^ byte) & 0xFF] ^ (crcRegister >> 8);
-  }
-  return crcRegister;
-}
-
-std::string referenceCrcText(const Bytes& data) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~referenceCrcRegister(data)));
-  return text;
-}
+// The straightforward algorithm of support/References.hpp, checked here against published values.
 
 TEST(ReferenceCrc32, TableHasTheWellKnownReflectedEntries) {
   // Entries 0, 1, 128 and 255 of the reflected CRC-32 table, as printed in the crc32.h table of
   // zlib and in ISO 3309 / ITU-T V.42 implementations.
-  const auto& table = referenceCrcTable();
+  const auto& table = crc32ReferenceTable();
   EXPECT_EQ(table[0], 0x00000000u);
   EXPECT_EQ(table[1], 0x77073096u);
   EXPECT_EQ(table[128], 0xEDB88320u);
@@ -98,7 +68,7 @@ TEST(ReferenceCrc32, TableHasTheWellKnownReflectedEntries) {
 TEST(ReferenceCrc32, PresetRegisterGivesTheCommonCheckValue) {
   // With the usual preset of all ones the algorithm gives the common CRC-32 check value of
   // "123456789", 0xCBF43926 (CRC catalogue, CRC-32/ISO-HDLC), which validates the reference.
-  EXPECT_EQ(~referenceCrcRegister(bytesOf("123456789"), 0xFFFFFFFFu), 0xCBF43926u);
+  EXPECT_EQ(~crc32ReferenceRegister(bytesOf("123456789"), 0xFFFFFFFFu), 0xCBF43926u);
 }
 
 // ----- empty input ------------------------------------------------------------------------------
@@ -175,23 +145,9 @@ TEST(DigestChecksumGenerators, TextsAreLowercaseHexOfTheFullDigestWidth) {
 // ----- splitting --------------------------------------------------------------------------------
 
 TEST(DigestChecksumGenerators, SplittingIntoChunksOfAnySizeGivesTheOneChunkResult) {
-  const auto seed = testsupport::randomTestSeed();
-  SCOPED_TRACE(testsupport::describeSeed(seed));
-  std::mt19937_64 random(seed);
-  for (std::size_t length : {0, 1, 55, 56, 63, 64, 65, 111, 112, 127, 128, 129, 1000, 4099}) {
-    const Bytes input = testsupport::randomBytes(random, length);
-    for (ChecksumType type : digestTypes()) {
-      SCOPED_TRACE(describeType(type) + " length " + std::to_string(length));
-      const auto oneChunk = checksumOf(type, input);
-      ASSERT_TRUE(oneChunk.has_value());
-      // Random sizes with empty chunks mixed in (and before and after the data).
-      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 70)), oneChunk);
-      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 300, 2)), oneChunk);
-      if (length <= 1000) {
-        EXPECT_EQ(checksumOfChunks(type, testsupport::byteAtATime(input)), oneChunk);
-      }
-    }
-  }
+  testsupport::expectSplitsGiveTheOneChunkResult(
+      digestTypes(), {0, 1, 55, 56, 63, 64, 65, 111, 112, 127, 128, 129, 1000, 4099},
+      {.maxChunk = 70, .largeMaxChunk = 300, .largeEmptyOneIn = 2, .byteAtATimeUpTo = 1000});
 }
 
 TEST(DigestChecksumGenerators, NullChunksAmongDataChangeNothing) {
@@ -210,7 +166,6 @@ TEST(CorvaneChecksumGeneratorMD5, ZeroLengthChunkIsCalledBackSynchronously) {
   auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(ChecksumTypeMD5);
   ASSERT_NE(generator, nullptr);
   QueueStall stall(generator);
-  stall.waitUntilStalled();
   bool called = false;
   std::thread::id callbackThread;
   generator->addDataToChecksum(share({}), [&] {
@@ -220,11 +175,7 @@ TEST(CorvaneChecksumGeneratorMD5, ZeroLengthChunkIsCalledBackSynchronously) {
   EXPECT_TRUE(called);
   EXPECT_EQ(callbackThread, std::this_thread::get_id());
   // Nothing was queued, so no semaphore slot is held.
-  auto semaphore = generator->limitingSemaphore();
-  int freeSlots = 0;
-  while (freeSlots < 20 && semaphore->tryWait()) ++freeSlots;
-  EXPECT_EQ(freeSlots, 8);
-  for (int i = 0; i < freeSlots; ++i) semaphore->signal();
+  EXPECT_EQ(testsupport::freeSemaphoreSlots(generator), 8);
   stall.release();
   EXPECT_EQ(finalizeAndWait(generator), ChecksumTypeMD5.emptyChecksumValue());
 }
@@ -233,13 +184,9 @@ TEST(DigestChecksumGenerators, OtherDigestsQueueZeroLengthChunksAndCallBackFromT
   for (ChecksumType type :
        {ChecksumTypeCRC32, ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512}) {
     SCOPED_TRACE(describeType(type));
-    auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-    if (generator == nullptr) {
-      ADD_FAILURE() << "no generator";
-      continue;
-    }
+    auto generator = testsupport::newGenerator(type);
+    if (generator == nullptr) continue;
     QueueStall stall(generator);
-    stall.waitUntilStalled();
     std::atomic<bool> called{false};
     generator->addDataToChecksum(share({}), [&] { called = true; });
     // The call returned, but the callback waits behind the stalled queue.
@@ -297,7 +244,6 @@ TEST(CorvaneChecksumGeneratorMD5, SynchronousPairGivesTheDigestOnTheCallersThrea
   auto generator = std::make_shared<CorvaneChecksumGeneratorMD5>();
   // The queue is stalled: the synchronous pair must not need it.
   QueueStall stall(generator);
-  stall.waitUntilStalled();
   const Bytes first = bytesOf("message ");
   const Bytes second = bytesOf("digest");
   generator->updateChecksumWithData(&first);
@@ -354,7 +300,7 @@ TEST(CorvaneChecksumGeneratorCRC32, CheckStringGivesTheCommonCrcComputedFromAZer
   // The common CRC-32 algorithm with an initial register of 0 instead of all ones; the literal
   // was computed with Python zlib.crc32(b"123456789", 0xFFFFFFFF) (zlib complements the value
   // it is given, so its register starts at 0).
-  EXPECT_EQ(referenceCrcText(check), "d202d277");
+  EXPECT_EQ(crc32Reference(check), "d202d277");
   EXPECT_EQ(checksumOf(ChecksumTypeCRC32, check), "d202d277");
 }
 
@@ -383,8 +329,8 @@ TEST(CorvaneChecksumGeneratorCRC32, ComplementBelow0x10000000PrintsFewerThanEigh
     SCOPED_TRACE(c.inputHex);
     const auto input = hexDecode(c.inputHex);
     ASSERT_TRUE(input.has_value());
-    ASSERT_EQ(~referenceCrcRegister(*input), c.complemented);
-    ASSERT_EQ(referenceCrcText(*input), c.text);
+    ASSERT_EQ(~crc32ReferenceRegister(*input), c.complemented);
+    ASSERT_EQ(crc32Reference(*input), c.text);
     EXPECT_EQ(checksumOf(ChecksumTypeCRC32, *input), c.text);
     EXPECT_EQ(checksumOfChunks(ChecksumTypeCRC32, testsupport::byteAtATime(*input)), c.text);
   }
@@ -399,7 +345,7 @@ TEST(CorvaneChecksumGeneratorCRC32, EqualsTheTableReferenceOnRandomInputsAndRand
   for (int round = 0; round < 120; ++round) {
     const std::size_t length = round % 4 == 3 ? largeLength(random) : smallLength(random);
     const Bytes input = testsupport::randomBytes(random, length);
-    const std::string expected = referenceCrcText(input);
+    const std::string expected = crc32Reference(input);
     SCOPED_TRACE("round " + std::to_string(round) + " length " + std::to_string(length));
     EXPECT_EQ(checksumOf(ChecksumTypeCRC32, input), expected);
     const std::size_t maxChunk = round % 2 == 0 ? 17 : 5000;
@@ -416,7 +362,7 @@ TEST(CorvaneChecksumGeneratorCRC32, EqualsTheTableReferenceOnRepetitiveInputs) {
          {std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{63}, std::size_t{64},
           std::size_t{255}, std::size_t{256}, std::size_t{4096}, std::size_t{65537}}) {
       const Bytes input(length, value);
-      EXPECT_EQ(checksumOf(ChecksumTypeCRC32, input), referenceCrcText(input))
+      EXPECT_EQ(checksumOf(ChecksumTypeCRC32, input), crc32Reference(input))
           << "byte " << int(value) << " length " << length;
     }
   }

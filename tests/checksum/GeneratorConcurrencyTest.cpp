@@ -3,25 +3,15 @@
 // blocking one-shot calls made from inside a generator's callback, and concurrent runs over
 // one file.
 //
-// Every checksum is compared with a reference computed here independently of the library's
-// generators: OpenSSL's one-shot EVP_Digest for MD5 and SHA, the one-shot xxHash functions
-// XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32 and a base-58 conversion of
-// the SHA-512 digest for C4.
+// Every checksum is compared with a reference computed independently of the library's generators
+// (support/References.hpp): OpenSSL's one-shot EVP_Digest for MD5 and SHA, the one-shot xxHash
+// functions XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32 and a base-58
+// conversion of the SHA-512 digest for C4.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <unistd.h>
-#include <xxhash.h>
 
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -35,129 +25,24 @@
 #include "corvane/ChecksumType.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "support/References.hpp"
+#include "support/ScratchDirectory.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {
 namespace {
 
 using namespace std::chrono_literals;
+using testsupport::algorithmsWithAGenerator;
+using testsupport::referenceChecksum;
 
 // Generous bound after which a wait is declared a deadlock.
 constexpr auto kDeadlockTimeout = 30s;
 // How long a call must stay blocked to count as blocked.
 constexpr auto kStillBlocked = 200ms;
 
-// The algorithms with an engine: the ten single flags except SR Sum (64), which has none.
-// C4 sits on the BigInt arithmetic and joins the list once the factory offers it.
-const std::vector<ChecksumType>& algorithmsWithAGenerator() {
-  static const std::vector<ChecksumType> available = [] {
-    std::vector<ChecksumType> types;
-    for (ChecksumType type : {ChecksumTypeMD5, ChecksumTypeXXHash64, ChecksumTypeCRC32,
-                              ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512,
-                              ChecksumTypeC4, ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128}) {
-      if (CorvaneChecksumGenerator::checksumGeneratorForType(type)) types.push_back(type);
-    }
-    return types;
-  }();
-  return available;
-}
-
 // ---------------------------------------------------------------------------------------------
-// Independent references.
-
-std::vector<unsigned char> evpDigest(const EVP_MD* md, const Bytes& data) {
-  std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr) != 1) return {};
-  digest.resize(length);
-  return digest;
-}
-
-std::string hexOf(const std::vector<unsigned char>& bytes) {
-  std::string text;
-  char pair[3];
-  for (unsigned char byte : bytes) {
-    std::snprintf(pair, sizeof pair, "%02x", byte);
-    text += pair;
-  }
-  return text;
-}
-
-// Reflected CRC-32 (table of 0xEDB88320), register starting at 0, complemented at the end,
-// printed with "%02x".
-std::string crc32Reference(const Bytes& data) {
-  static const std::array<std::uint32_t, 256> table = [] {
-    std::array<std::uint32_t, 256> entries{};
-    for (std::uint32_t n = 0; n < 256; ++n) {
-      std::uint32_t value = n;
-      for (int bit = 0; bit < 8; ++bit)
-        value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
-      entries[n] = value;
-    }
-    return entries;
-  }();
-  std::uint32_t crc = 0;
-  for (std::uint8_t byte : data) crc = table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
-  char text[16];
-  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
-  return text;
-}
-
-// "c4" followed by the SHA-512 digest as a base-58 number, left-filled with "1" to 88 digits.
-std::string c4Reference(const Bytes& data) {
-  static const char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
-  std::vector<unsigned char> number = evpDigest(EVP_sha512(), data);
-  std::string digits;
-  for (;;) {
-    std::size_t first = 0;
-    while (first < number.size() && number[first] == 0) ++first;
-    if (first == number.size()) break;
-    unsigned remainder = 0;
-    for (std::size_t i = first; i < number.size(); ++i) {
-      const unsigned value = remainder * 256 + number[i];
-      number[i] = static_cast<unsigned char>(value / 58);
-      remainder = value % 58;
-    }
-    digits.insert(digits.begin(), kAlphabet[remainder]);
-  }
-  while (digits.size() < 88) digits.insert(digits.begin(), '1');
-  return "c4" + digits;
-}
-
-std::string referenceChecksum(ChecksumType type, const Bytes& data) {
-  char text[40];
-  switch (type.rawValue()) {
-    case 1:
-      return hexOf(evpDigest(EVP_md5(), data));
-    case 2:
-      std::snprintf(text, sizeof text, "%016llx",
-                    static_cast<unsigned long long>(XXH64(data.data(), data.size(), 0)));
-      return text;
-    case 4:
-      return crc32Reference(data);
-    case 8:
-      return hexOf(evpDigest(EVP_sha1(), data));
-    case 16:
-      return hexOf(evpDigest(EVP_sha256(), data));
-    case 32:
-      return hexOf(evpDigest(EVP_sha512(), data));
-    case 128:
-      return c4Reference(data);
-    case 256:
-      std::snprintf(text, sizeof text, "%016llx",
-                    static_cast<unsigned long long>(XXH3_64bits(data.data(), data.size())));
-      return text;
-    case 512: {
-      const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
-      std::snprintf(text, sizeof text, "%016llx%016llx",
-                    static_cast<unsigned long long>(hash.high64),
-                    static_cast<unsigned long long>(hash.low64));
-      return text;
-    }
-    default:
-      return "<no reference for raw value " + std::to_string(type.rawValue()) + ">";
-  }
-}
+// The references themselves.
 
 TEST(GeneratorConcurrencyReference, ReferencesGiveTheLibrarysEmptyInputTexts) {
   EXPECT_GE(algorithmsWithAGenerator().size(), 8u);  // only C4 may be missing
@@ -359,34 +244,6 @@ TEST(GeneratorConcurrency, BlockingOneShotsInsideManyCallbacksAtOnceComplete) {
 // ---------------------------------------------------------------------------------------------
 // ChecksumGenerator runs from several threads.
 
-class ScratchFile {
- public:
-  explicit ScratchFile(const Bytes& content) {
-    std::string pattern = ::testing::TempDir() + "corvane-generator-concurrency-XXXXXX";
-    const int descriptor = ::mkstemp(pattern.data());
-    if (descriptor < 0) {
-      ADD_FAILURE() << "mkstemp failed: " << std::strerror(errno);
-      return;
-    }
-    ::close(descriptor);
-    path_ = pattern;
-    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(content.data()),
-              static_cast<std::streamsize>(content.size()));
-    if (!out.good()) ADD_FAILURE() << "cannot write " << path_;
-  }
-  ~ScratchFile() {
-    if (!path_.empty()) std::filesystem::remove(path_);
-  }
-  ScratchFile(const ScratchFile&) = delete;
-  ScratchFile& operator=(const ScratchFile&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 struct RunResult {
   std::vector<std::pair<float, std::uint64_t>> progress;
   std::vector<std::pair<std::string, ChecksumType>> supplied;
@@ -395,10 +252,10 @@ struct RunResult {
 
 TEST(GeneratorConcurrency, FileRunsFromEightThreadsGiveIdenticalResults) {
   constexpr int kThreads = 8;
-  std::mt19937_64 random(testsupport::randomTestSeed());
   // Two chunks: one full 8 MiB read and a short one.
-  const Bytes content = testsupport::randomBytes(random, 8388608 + 65537);
-  const ScratchFile file(content);
+  const Bytes content = testsupport::seededRandomBytes(8388608 + 65537);
+  const testsupport::ScratchDirectory directory;
+  const std::string path = directory.writeFile("content", content);
   const std::vector<ChecksumType> algorithms = {ChecksumTypeXXHash64, ChecksumTypeMD5,
                                                 ChecksumTypeCRC32};
   const ChecksumGenerator shared(algorithms);  // one value, used by every thread
@@ -410,7 +267,7 @@ TEST(GeneratorConcurrency, FileRunsFromEightThreadsGiveIdenticalResults) {
       RunResult& result = results[t];
       const auto self = std::this_thread::get_id();
       shared.generateChecksumsForFile(
-          file.path(),
+          path,
           [&result, self](float fraction, std::uint64_t bytes, bool*) {
             if (std::this_thread::get_id() != self) result.offTheCallersThread = true;
             result.progress.emplace_back(fraction, bytes);

@@ -1,25 +1,18 @@
 // The one-shot helpers of CorvaneChecksumGenerator: checksumData (the synchronous pair, MD5
 // only), generateDataChecksum, generateFileChecksum with its read sizes, and dataFromHexString.
 //
-// Results are checked against the streaming generators and against references written here
-// independently of the library: OpenSSL EVP for MD5 and SHA, the xxHash library's one-call
-// functions, a byte-at-a-time table CRC of our CRC-32 variant, and SHA-512 plus GMP base 58 for
-// C4. Fixed known answers name their source where they are used.
-#include <gmp.h>
+// Results are checked against the streaming generators and against references written
+// independently of the library (support/References.hpp): OpenSSL EVP for MD5 and SHA, the xxHash
+// library's one-call functions, a byte-at-a-time table CRC of our CRC-32 variant, and SHA-512 in
+// base 58 for C4. Fixed known answers name their source where they are used.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <xxhash.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <random>
@@ -29,25 +22,21 @@
 
 #include "corvane/ChecksumType.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
+#include "support/References.hpp"
+#include "support/ScratchDirectory.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {
 namespace {
 
 using testsupport::bytesOf;
-using testsupport::hexEncode;
+using testsupport::describeType;
+using testsupport::referenceChecksum;
+using testsupport::ScratchDirectory;
 using testsupport::share;
+using testsupport::typesWithAGenerator;
 
 using Factory = CorvaneChecksumGenerator;
-
-// Every algorithm the factory has a generator for (all but SR Sum).
-const std::vector<ChecksumType>& typesWithAGenerator() {
-  static const std::vector<ChecksumType> types{
-      ChecksumTypeMD5,  ChecksumTypeXXHash64,   ChecksumTypeCRC32,
-      ChecksumTypeSHA1, ChecksumTypeSHA256,     ChecksumTypeSHA512,
-      ChecksumTypeC4,   ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
-  return types;
-}
 
 // Values without a generator: none, a mask, SR Sum, unknown bits.
 const std::vector<ChecksumType>& typesWithoutAGenerator() {
@@ -55,120 +44,6 @@ const std::vector<ChecksumType>& typesWithoutAGenerator() {
                                                ChecksumType(1024), ChecksumType(0xFFFF)};
   return types;
 }
-
-std::string traceFor(ChecksumType type) {
-  return "ChecksumType " + std::to_string(type.rawValue());
-}
-
-// ----- independent references ---------------------------------------------------------------
-
-Bytes evpDigest(const EVP_MD* md, const Bytes& data) {
-  Bytes digest(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr), 1);
-  digest.resize(length);
-  return digest;
-}
-
-// Our CRC-32 variant, byte at a time: reflected table of 0xEDB88320, register starting at 0,
-// complemented at the end and printed with "%02x".
-std::string referenceCrc32(const Bytes& data) {
-  static const std::array<std::uint32_t, 256> table = [] {
-    std::array<std::uint32_t, 256> entries{};
-    for (std::uint32_t n = 0; n < 256; ++n) {
-      std::uint32_t v = n;
-      for (int bit = 0; bit < 8; ++bit) v = (v & 1) ? 0xEDB88320u ^ (v >> 1) : v >> 1;
-      entries[n] = v;
-    }
-    return entries;
-  }();
-  std::uint32_t crc = 0;
-  for (std::uint8_t byte : data) crc = table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
-  char text[16];
-  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
-  return text;
-}
-
-std::string hex64(std::uint64_t value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
-  return text;
-}
-
-// C4: SHA-512 read as a big-endian number, written in base 58 with the alphabet spelt out here
-// (GMP's base-58 digits are 0-9A-Za-v, so each is translated), left-filled with "1" to 88
-// digits, behind "c4".
-std::string referenceC4(const Bytes& data) {
-  static constexpr char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
-  const Bytes digest = evpDigest(EVP_sha512(), data);
-  mpz_t number;
-  mpz_init(number);
-  mpz_import(number, digest.size(), 1, 1, 1, 0, digest.data());
-  std::string gmpDigits(mpz_sizeinbase(number, 58) + 2, '\0');
-  mpz_get_str(gmpDigits.data(), 58, number);
-  mpz_clear(number);
-  gmpDigits.resize(gmpDigits.find('\0'));
-  std::string digits;
-  for (char d : gmpDigits) {
-    const int value = d <= '9' ? d - '0' : d <= 'Z' ? d - 'A' + 10 : d - 'a' + 36;
-    digits.push_back(kAlphabet[value]);
-  }
-  if (digits == "1") digits.clear();  // the number zero has no significant digit
-  digits.insert(0, 88 - std::min<std::size_t>(digits.size(), 88), '1');
-  return "c4" + digits;
-}
-
-std::string referenceChecksum(ChecksumType type, const Bytes& data) {
-  if (type == ChecksumTypeMD5) return hexEncode(evpDigest(EVP_md5(), data));
-  if (type == ChecksumTypeSHA1) return hexEncode(evpDigest(EVP_sha1(), data));
-  if (type == ChecksumTypeSHA256) return hexEncode(evpDigest(EVP_sha256(), data));
-  if (type == ChecksumTypeSHA512) return hexEncode(evpDigest(EVP_sha512(), data));
-  if (type == ChecksumTypeCRC32) return referenceCrc32(data);
-  if (type == ChecksumTypeXXHash64) return hex64(XXH64(data.data(), data.size(), 0));
-  if (type == ChecksumTypeXXHashH364) return hex64(XXH3_64bits(data.data(), data.size()));
-  if (type == ChecksumTypeXXHashH3128) {
-    const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
-    return hex64(hash.high64) + hex64(hash.low64);
-  }
-  if (type == ChecksumTypeC4) return referenceC4(data);
-  ADD_FAILURE() << "no reference for " << traceFor(type);
-  return {};
-}
-
-// ----- files --------------------------------------------------------------------------------
-
-// A fresh directory under the system's temporary directory, removed with its contents.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    static std::atomic<int> counter{0};
-    path_ = std::filesystem::temp_directory_path() /
-            ("corvane-oneshot-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::create_directories(path_);
-  }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-
-  // Writes `contents` to a new file in this directory and returns its path.
-  std::string writeFile(const std::string& name, const Bytes& contents) const {
-    const auto file = path_ / name;
-    std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-    stream.write(reinterpret_cast<const char*>(contents.data()),
-                 static_cast<std::streamsize>(contents.size()));
-    stream.close();
-    EXPECT_TRUE(stream.good()) << "cannot write " << file;
-    return file.string();
-  }
-
- private:
-  std::filesystem::path path_;
-};
 
 constexpr std::int64_t kDefaultReadSize = 8388608;  // 8 MiB, the documented default
 
@@ -204,10 +79,10 @@ TEST(OneShotChecksumData, EveryTypeButMd5GivesNull) {
   const Bytes data = bytesOf("only MD5 implements the synchronous pair");
   for (ChecksumType type : typesWithAGenerator()) {
     if (type == ChecksumTypeMD5) continue;
-    EXPECT_FALSE(Factory::checksumData(&data, type).has_value()) << traceFor(type);
+    EXPECT_FALSE(Factory::checksumData(&data, type).has_value()) << describeType(type);
   }
   for (ChecksumType type : typesWithoutAGenerator()) {
-    EXPECT_FALSE(Factory::checksumData(&data, type).has_value()) << traceFor(type);
+    EXPECT_FALSE(Factory::checksumData(&data, type).has_value()) << describeType(type);
   }
 }
 
@@ -227,7 +102,7 @@ TEST(OneShotDataChecksum, SRSumGivesNull) {
 TEST(OneShotDataChecksum, TypesWithoutAGeneratorGiveNull) {
   for (ChecksumType type : typesWithoutAGenerator()) {
     EXPECT_FALSE(Factory::generateDataChecksum(share(bytesOf("data")), type).has_value())
-        << traceFor(type);
+        << describeType(type);
   }
 }
 
@@ -238,7 +113,7 @@ TEST(OneShotDataChecksum, NullBufferWithXXHash64GivesTheEmptyChecksum) {
 
 TEST(OneShotDataChecksum, NullOrEmptyBufferGivesTheEmptyChecksumValue) {
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_EQ(Factory::generateDataChecksum(nullptr, type), type.emptyChecksumValue());
     EXPECT_EQ(Factory::generateDataChecksum(share({}), type), type.emptyChecksumValue());
     EXPECT_EQ(type.emptyChecksumValue(), referenceChecksum(type, {}));
@@ -255,7 +130,7 @@ TEST(OneShotDataChecksum, EveryAlgorithmMatchesStreamingAndReferences) {
     const auto chunks =
         testsupport::randomSplit(data, random, std::max<std::size_t>(length / 6, 1));
     for (ChecksumType type : typesWithAGenerator()) {
-      SCOPED_TRACE(traceFor(type));
+      SCOPED_TRACE(describeType(type));
       const auto oneShot = Factory::generateDataChecksum(share(data), type);
       ASSERT_TRUE(oneShot.has_value());
       EXPECT_EQ(*oneShot, referenceChecksum(type, data));
@@ -285,8 +160,7 @@ TEST(OneShotDataChecksum, C4GivesTheIdNotTheSha512Hex) {
 
 TEST(OneShotDataChecksum, CallerMayDropTheBufferAtOnce) {
   // The helper keeps its own reference until the chunk is absorbed.
-  std::mt19937_64 random(testsupport::randomTestSeed());
-  const Bytes data = testsupport::randomBytes(random, 50000);
+  const Bytes data = testsupport::seededRandomBytes(50000);
   EXPECT_EQ(Factory::generateDataChecksum(std::make_shared<const Bytes>(data), ChecksumTypeSHA512),
             referenceChecksum(ChecksumTypeSHA512, data));
 }
@@ -294,10 +168,10 @@ TEST(OneShotDataChecksum, CallerMayDropTheBufferAtOnce) {
 // ----- generateFileChecksum -----------------------------------------------------------------
 
 TEST(OneShotFileChecksum, EmptyFileGivesTheEmptyChecksumValue) {
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("empty", {});
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_EQ(Factory::generateFileChecksum(path, type), type.emptyChecksumValue());
     EXPECT_EQ(Factory::generateFileChecksum(path, type, 1), type.emptyChecksumValue());
     EXPECT_EQ(Factory::generateFileChecksum(path, type, 4096), type.emptyChecksumValue());
@@ -305,10 +179,10 @@ TEST(OneShotFileChecksum, EmptyFileGivesTheEmptyChecksumValue) {
 }
 
 TEST(OneShotFileChecksum, MissingFileGivesNull) {
-  TemporaryDirectory directory;
-  const std::string path = (directory.path() / "does-not-exist").string();
+  ScratchDirectory directory;
+  const std::string path = directory.file("does-not-exist");
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_FALSE(Factory::generateFileChecksum(path, type).has_value());
     EXPECT_FALSE(Factory::generateFileChecksum(path, type, 4096).has_value());
   }
@@ -316,16 +190,16 @@ TEST(OneShotFileChecksum, MissingFileGivesNull) {
 }
 
 TEST(OneShotFileChecksum, DirectoryGivesNull) {
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     EXPECT_FALSE(Factory::generateFileChecksum(directory.path().string(), type).has_value());
     EXPECT_FALSE(Factory::generateFileChecksum(directory.path().string(), type, 1).has_value());
   }
 }
 
 TEST(OneShotFileChecksum, PathBelowARegularFileGivesNull) {
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string file = directory.writeFile("plain", bytesOf("content"));
   // A path that continues below a regular file cannot be opened (ENOTDIR), whoever asks.
   EXPECT_FALSE(Factory::generateFileChecksum(file + "/child", ChecksumTypeMD5).has_value());
@@ -334,30 +208,28 @@ TEST(OneShotFileChecksum, PathBelowARegularFileGivesNull) {
 
 TEST(OneShotFileChecksum, UnreadableFileGivesNull) {
   if (::geteuid() == 0) GTEST_SKIP() << "file permissions do not bind the superuser";
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("unreadable", bytesOf("secret"));
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
   EXPECT_FALSE(Factory::generateFileChecksum(path, ChecksumTypeMD5).has_value());
 }
 
 TEST(OneShotFileChecksum, TypesWithoutAGeneratorGiveNull) {
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("data", bytesOf("some content"));
   for (ChecksumType type : typesWithoutAGenerator()) {
-    EXPECT_FALSE(Factory::generateFileChecksum(path, type).has_value()) << traceFor(type);
-    EXPECT_FALSE(Factory::generateFileChecksum(path, type, 4).has_value()) << traceFor(type);
+    EXPECT_FALSE(Factory::generateFileChecksum(path, type).has_value()) << describeType(type);
+    EXPECT_FALSE(Factory::generateFileChecksum(path, type, 4).has_value()) << describeType(type);
   }
 }
 
 TEST(OneShotFileChecksum, ExactMultipleOfTheReadSizeEqualsOtherSplits) {
-  const std::uint64_t seed = testsupport::randomTestSeed();
-  SCOPED_TRACE(testsupport::describeSeed(seed));
-  std::mt19937_64 random(seed);
-  const Bytes contents = testsupport::randomBytes(random, 3 * 4096);
-  TemporaryDirectory directory;
+  SCOPED_TRACE(testsupport::describeSeed(testsupport::randomTestSeed()));
+  const Bytes contents = testsupport::seededRandomBytes(3 * 4096);
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("three-blocks", contents);
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     const std::string expected = referenceChecksum(type, contents);
     EXPECT_EQ(Factory::generateFileChecksum(path, type, 4096), expected);
     EXPECT_EQ(Factory::generateFileChecksum(path, type, 3 * 4096), expected);
@@ -371,35 +243,32 @@ TEST(OneShotFileChecksum, ExactMultipleOfTheReadSizeEqualsOtherSplits) {
 }
 
 TEST(OneShotFileChecksum, ReadSizeZeroReadsNothing) {
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("data", bytesOf("not read at all"));
   for (ChecksumType type : typesWithAGenerator()) {
     EXPECT_EQ(Factory::generateFileChecksum(path, type, 0), type.emptyChecksumValue())
-        << traceFor(type);
+        << describeType(type);
   }
 }
 
 TEST(OneShotFileChecksum, NegativeReadSizeReadsTheWholeFile) {
-  std::mt19937_64 random(testsupport::randomTestSeed());
-  const Bytes contents = testsupport::randomBytes(random, 10000);
-  TemporaryDirectory directory;
+  const Bytes contents = testsupport::seededRandomBytes(10000);
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("data", contents);
   for (ChecksumType type : {ChecksumTypeMD5, ChecksumTypeCRC32, ChecksumTypeXXHashH3128}) {
     EXPECT_EQ(Factory::generateFileChecksum(path, type, -1), referenceChecksum(type, contents))
-        << traceFor(type);
+        << describeType(type);
   }
 }
 
 TEST(OneShotFileChecksum, DefaultReadSizeHandlesSeveralChunks) {
   // 9 MiB: one full 8 MiB chunk and a 1 MiB rest.
-  const std::uint64_t seed = testsupport::randomTestSeed();
-  SCOPED_TRACE(testsupport::describeSeed(seed));
-  std::mt19937_64 random(seed);
-  const Bytes contents = testsupport::randomBytes(random, 9 * 1024 * 1024);
-  TemporaryDirectory directory;
+  SCOPED_TRACE(testsupport::describeSeed(testsupport::randomTestSeed()));
+  const Bytes contents = testsupport::seededRandomBytes(9 * 1024 * 1024);
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("nine-mebibytes", contents);
   for (ChecksumType type : typesWithAGenerator()) {
-    SCOPED_TRACE(traceFor(type));
+    SCOPED_TRACE(describeType(type));
     const std::string expected = referenceChecksum(type, contents);
     EXPECT_EQ(Factory::generateFileChecksum(path, type), expected);
     EXPECT_EQ(Factory::generateFileChecksum(path, type, kDefaultReadSize), expected);
@@ -408,7 +277,7 @@ TEST(OneShotFileChecksum, DefaultReadSizeHandlesSeveralChunks) {
 
 TEST(OneShotFileChecksum, C4GivesTheId) {
   // The ID of "foo" from c4_id_vectors.json ("identify").
-  TemporaryDirectory directory;
+  ScratchDirectory directory;
   const std::string path = directory.writeFile("foo", bytesOf("foo"));
   EXPECT_EQ(
       Factory::generateFileChecksum(path, ChecksumTypeC4, 2),
@@ -485,7 +354,7 @@ TEST(OneShotHexString, EveryByteValueReadsBack) {
 
 TEST(OneShotHexString, ChecksumTextGivesTheDigestBytes) {
   const Bytes data = bytesOf("checksum text back to bytes");
-  const Bytes digest = evpDigest(EVP_sha512(), data);
+  const Bytes digest = testsupport::sha512Digest(data);
   const auto text = Factory::generateDataChecksum(share(data), ChecksumTypeSHA512);
   ASSERT_TRUE(text.has_value());
   EXPECT_EQ(Factory::dataFromHexString(*text, false), digest);

@@ -201,25 +201,12 @@ TEST(XXHashChecksumGenerators, SanityVectorsMatchAsOneChunkRandomChunksAndByteAt
 }
 
 TEST(XXHashChecksumGenerators, ResultsDoNotDependOnHowTheInputIsSplit) {
-  const auto seed = testsupport::randomTestSeed();
-  SCOPED_TRACE(testsupport::describeSeed(seed));
-  std::mt19937_64 random(seed);
   // Lengths around the 240-byte short-input limit, the 256-byte internal buffer and the
   // 1024-byte stripe block of XXH3, and the 32-byte stripe of xxHash64.
-  for (std::size_t length : {0,   1,   3,   4,   8,   9,   16,   17,   31,   32,   33,    128,
-                             129, 240, 241, 255, 256, 257, 1023, 1024, 1025, 4096, 20000, 100003}) {
-    const Bytes input = testsupport::randomBytes(random, length);
-    for (ChecksumType type : xxHashTypes()) {
-      SCOPED_TRACE(describeType(type) + " length " + std::to_string(length));
-      const auto oneChunk = checksumOf(type, input);
-      ASSERT_TRUE(oneChunk.has_value());
-      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 64)), oneChunk);
-      EXPECT_EQ(checksumOfChunks(type, testsupport::randomSplit(input, random, 3000, 3)), oneChunk);
-      if (length <= 1025) {
-        EXPECT_EQ(checksumOfChunks(type, testsupport::byteAtATime(input)), oneChunk);
-      }
-    }
-  }
+  testsupport::expectSplitsGiveTheOneChunkResult(
+      xxHashTypes(), {0,   1,   3,   4,   8,   9,   16,   17,   31,   32,   33,    128,
+                      129, 240, 241, 255, 256, 257, 1023, 1024, 1025, 4096, 20000, 100003},
+      {.maxChunk = 64, .largeMaxChunk = 3000, .largeEmptyOneIn = 3, .byteAtATimeUpTo = 1025});
 }
 
 TEST(XXHashImplementation, NamesAndSupportAreReported) {
@@ -355,28 +342,26 @@ TEST(XXHashChecksumGenerators, DestroyingAnUnfinalizedGeneratorFreesItsState) {
   }
 }
 
+// Takes the state away from a fresh `Generator`, destroys the generator, and frees the state with
+// `freeState`, which succeeds only if the destructor left it alone.
+template <typename Generator, typename State>
+void expectTakenStateOutlivesTheGenerator(XXH_errorcode (*freeState)(State*)) {
+  auto generator = std::make_unique<Generator>();
+  auto* state = static_cast<State*>(generator->checksumState());
+  ASSERT_NE(state, nullptr);
+  generator->setChecksumState(nullptr);
+  generator.reset();
+  EXPECT_EQ(freeState(state), XXH_OK);
+}
+
 TEST(XXHashChecksumGenerators, DestroyingAGeneratorWhoseStateWasTakenAwayFreesNothing) {
   // The destructor frees only a state it still holds.
-  auto xxh64 = std::make_unique<CorvaneChecksumGeneratorXXHash64>();
-  auto* state64 = static_cast<XXH64_state_t*>(xxh64->checksumState());
-  ASSERT_NE(state64, nullptr);
-  xxh64->setChecksumState(nullptr);
-  xxh64.reset();
-  EXPECT_EQ(XXH64_freeState(state64), XXH_OK);
-
-  auto xxh3 = std::make_unique<CorvaneChecksumGeneratorXXHashH364>();
-  auto* state3 = static_cast<XXH3_state_t*>(xxh3->checksumState());
-  ASSERT_NE(state3, nullptr);
-  xxh3->setChecksumState(nullptr);
-  xxh3.reset();
-  EXPECT_EQ(XXH3_freeState(state3), XXH_OK);
-
-  auto xxh128 = std::make_unique<CorvaneChecksumGeneratorXXHashH3128>();
-  auto* state128 = static_cast<XXH3_state_t*>(xxh128->checksumState());
-  ASSERT_NE(state128, nullptr);
-  xxh128->setChecksumState(nullptr);
-  xxh128.reset();
-  EXPECT_EQ(XXH3_freeState(state128), XXH_OK);
+  ASSERT_NO_FATAL_FAILURE(
+      (expectTakenStateOutlivesTheGenerator<CorvaneChecksumGeneratorXXHash64>(XXH64_freeState)));
+  ASSERT_NO_FATAL_FAILURE(
+      (expectTakenStateOutlivesTheGenerator<CorvaneChecksumGeneratorXXHashH364>(XXH3_freeState)));
+  ASSERT_NO_FATAL_FAILURE(
+      (expectTakenStateOutlivesTheGenerator<CorvaneChecksumGeneratorXXHashH3128>(XXH3_freeState)));
 }
 
 TEST(XXHashChecksumGenerators, DestroyingAFreshGeneratorIsHarmless) {

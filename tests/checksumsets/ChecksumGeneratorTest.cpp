@@ -1,32 +1,26 @@
 // The multi-algorithm ChecksumGenerator: buffer form, file form and the single-algorithm
-// conveniences. Every checksum is compared with a reference computed here independently of the
-// library's generators: OpenSSL's one-shot EVP_Digest for MD5 and SHA, the one-shot xxHash
-// functions XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32 and a base-58
-// conversion of the SHA-512 digest for C4.
+// conveniences. Every checksum is compared with a reference computed independently of the
+// library's generators (support/References.hpp): OpenSSL's one-shot EVP_Digest for MD5 and SHA,
+// the one-shot xxHash functions XXH64 / XXH3_64bits / XXH3_128bits, a byte-at-a-time table CRC-32
+// and a base-58 conversion of the SHA-512 digest for C4.
 //
 // Whether the file form opened or read a file is observed with inotify (IN_OPEN, IN_ACCESS):
 // the kernel queues those events synchronously with the open() and read() calls.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <xxhash.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -35,6 +29,8 @@
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/ChecksumType.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
+#include "support/References.hpp"
+#include "support/ScratchDirectory.hpp"
 #include "support/Vectors.hpp"
 
 namespace corvane {
@@ -43,124 +39,10 @@ namespace {
 constexpr std::uint64_t kMiB = 1024 * 1024;
 constexpr std::uint64_t kReadSize = 8388608;  // the file form's chunk size, 8 MiB
 
-// The algorithms with an engine: the ten single flags except SR Sum (64), which has none.
-// C4 sits on the BigInt arithmetic and joins the list once the factory offers it (see
-// C4IsComputedOnceAvailable).
-const std::vector<ChecksumType>& algorithmsWithAGenerator() {
-  static const std::vector<ChecksumType> available = [] {
-    std::vector<ChecksumType> types;
-    for (ChecksumType type : {ChecksumTypeMD5, ChecksumTypeXXHash64, ChecksumTypeCRC32,
-                              ChecksumTypeSHA1, ChecksumTypeSHA256, ChecksumTypeSHA512,
-                              ChecksumTypeC4, ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128}) {
-      if (CorvaneChecksumGenerator::checksumGeneratorForType(type)) types.push_back(type);
-    }
-    return types;
-  }();
-  return available;
-}
-
-// ---------------------------------------------------------------------------------------------
-// Independent references.
-
-std::vector<unsigned char> evpDigest(const EVP_MD* md, const Bytes& data) {
-  std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr) != 1) {
-    ADD_FAILURE() << "EVP_Digest failed";
-    return {};
-  }
-  digest.resize(length);
-  return digest;
-}
-
-std::string hexOf(const std::vector<unsigned char>& bytes) {
-  std::string text;
-  char pair[3];
-  for (unsigned char byte : bytes) {
-    std::snprintf(pair, sizeof pair, "%02x", byte);
-    text += pair;
-  }
-  return text;
-}
-
-// Reflected CRC-32 (polynomial 0x04C11DB7, table of 0xEDB88320), register starting at 0 and
-// complemented at the end, printed with "%02x" (so without leading zeros beyond two digits).
-std::string crc32Reference(const Bytes& data) {
-  static const std::array<std::uint32_t, 256> table = [] {
-    std::array<std::uint32_t, 256> entries{};
-    for (std::uint32_t n = 0; n < 256; ++n) {
-      std::uint32_t value = n;
-      for (int bit = 0; bit < 8; ++bit)
-        value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
-      entries[n] = value;
-    }
-    return entries;
-  }();
-  std::uint32_t crc = 0;
-  for (std::uint8_t byte : data) crc = table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
-  char text[16];
-  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
-  return text;
-}
-
-// "c4" followed by the SHA-512 digest as a base-58 number, left-filled with "1" to 88 digits.
-std::string c4Reference(const Bytes& data) {
-  static const char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
-  std::vector<unsigned char> number = evpDigest(EVP_sha512(), data);  // big-endian
-  std::string digits;
-  for (;;) {
-    std::size_t first = 0;
-    while (first < number.size() && number[first] == 0) ++first;
-    if (first == number.size()) break;
-    unsigned remainder = 0;
-    for (std::size_t i = first; i < number.size(); ++i) {
-      const unsigned value = remainder * 256 + number[i];
-      number[i] = static_cast<unsigned char>(value / 58);
-      remainder = value % 58;
-    }
-    digits.insert(digits.begin(), kAlphabet[remainder]);
-  }
-  while (digits.size() < 88) digits.insert(digits.begin(), '1');
-  return "c4" + digits;
-}
-
-std::string referenceChecksum(ChecksumType type, const Bytes& data) {
-  char text[40];
-  switch (type.rawValue()) {
-    case 1:
-      return hexOf(evpDigest(EVP_md5(), data));
-    case 2: {
-      const unsigned long long hash = XXH64(data.data(), data.size(), 0);
-      std::snprintf(text, sizeof text, "%016llx", hash);
-      return text;
-    }
-    case 4:
-      return crc32Reference(data);
-    case 8:
-      return hexOf(evpDigest(EVP_sha1(), data));
-    case 16:
-      return hexOf(evpDigest(EVP_sha256(), data));
-    case 32:
-      return hexOf(evpDigest(EVP_sha512(), data));
-    case 128:
-      return c4Reference(data);
-    case 256: {
-      const unsigned long long hash = XXH3_64bits(data.data(), data.size());
-      std::snprintf(text, sizeof text, "%016llx", hash);
-      return text;
-    }
-    case 512: {
-      const XXH128_hash_t hash = XXH3_128bits(data.data(), data.size());
-      std::snprintf(text, sizeof text, "%016llx%016llx",
-                    static_cast<unsigned long long>(hash.high64),
-                    static_cast<unsigned long long>(hash.low64));
-      return text;
-    }
-    default:
-      ADD_FAILURE() << "no reference for raw value " << type.rawValue();
-      return {};
-  }
-}
+// C4 joins algorithmsWithAGenerator() once the factory offers it (see C4IsComputedOnceAvailable).
+using testsupport::algorithmsWithAGenerator;
+using testsupport::referenceChecksum;
+using testsupport::ScratchDirectory;
 
 // ---------------------------------------------------------------------------------------------
 // Recording a run.
@@ -201,6 +83,13 @@ struct RunOptions {
   int stopAtCall = 0;
   std::function<void()> onProgress;
 };
+
+// Options that stop the run in progress call number `call`.
+RunOptions stoppingAtCall(int call) {
+  RunOptions options;
+  options.stopAtCall = call;
+  return options;
+}
 
 ChecksumGenerator::ProgressBlock recordProgress(Recording& recording, const RunOptions& options) {
   const auto caller = std::this_thread::get_id();
@@ -249,48 +138,29 @@ void expectReferenceChecksums(const Recording& recording,
   }
 }
 
+// After a stop: the number of `algorithms` supplied the reference checksum of `data` (those fed
+// before the stop); every other one must have been supplied the checksum of empty input.
+int countFedAlgorithms(const Recording& recording, const std::vector<ChecksumType>& algorithms,
+                       const Bytes& data) {
+  int fed = 0;
+  for (ChecksumType type : algorithms) {
+    SCOPED_TRACE("algorithm " + type.name());
+    const std::string text = recording.textFor(type).value_or("");
+    if (text == referenceChecksum(type, data)) {
+      ++fed;
+    } else {
+      EXPECT_EQ(text, type.emptyChecksumValue());
+    }
+  }
+  return fed;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Files.
-
-// A fresh directory under the test temporary directory, removed with its content at the end.
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::string pattern = ::testing::TempDir() + "corvane-checksum-generator-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      ADD_FAILURE() << "mkdtemp failed: " << std::strerror(errno);
-    }
-    path_ = pattern;
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
-  std::string path() const { return path_.string(); }
-
- private:
-  std::filesystem::path path_;
-};
-
-void writeFile(const std::string& path, const Bytes& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(content.data()),
-            static_cast<std::streamsize>(content.size()));
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
-}
 
 Bytes readWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-Bytes randomContent(std::size_t size) {
-  std::mt19937_64 random(testsupport::randomTestSeed());
-  return testsupport::randomBytes(random, size);
 }
 
 // Counts the opens and reads of one file, as queued by the kernel since the last drain().
@@ -438,27 +308,17 @@ TEST(ChecksumGeneratorData, StopAfterTheFirstAlgorithmStillSuppliesAllThree) {
   const Bytes data = testsupport::bytesOf("stopped after the first algorithm");
   const std::vector<ChecksumType> three = {ChecksumTypeSHA1, ChecksumTypeXXHash64,
                                            ChecksumTypeSHA512};
-  RunOptions options;
-  options.stopAtCall = 1;
-  const Recording recording = runOnData(three, data, options);
+  const Recording recording = runOnData(three, data, stoppingAtCall(1));
 
   EXPECT_EQ(recording.progress.size(), 1u);
   ASSERT_EQ(recording.supplied.size(), 3u);
+  for (ChecksumType type : three) {
+    ASSERT_EQ(recording.supplyCallsFor(type), 1) << "algorithm " << type.name();
+  }
   // Which generator is fed first is not defined: one of the three carries the checksum of the
   // data, the two unfed ones the checksum of empty input.
-  int fed = 0;
-  int unfed = 0;
-  for (ChecksumType type : three) {
-    SCOPED_TRACE("algorithm " + type.name());
-    ASSERT_EQ(recording.supplyCallsFor(type), 1);
-    const std::string text = *recording.textFor(type);
-    if (text == referenceChecksum(type, data)) {
-      ++fed;
-    } else {
-      EXPECT_EQ(text, type.emptyChecksumValue());
-      ++unfed;
-    }
-  }
+  const int fed = countFedAlgorithms(recording, three, data);
+  const int unfed = int(three.size()) - fed;
   EXPECT_EQ(fed, 1);
   EXPECT_EQ(unfed, 2);
 }
@@ -467,25 +327,14 @@ TEST(ChecksumGeneratorData, StopAfterTheSecondAlgorithmLeavesOneUnfed) {
   const Bytes data = testsupport::bytesOf("stopped after the second algorithm");
   const std::vector<ChecksumType> three = {ChecksumTypeMD5, ChecksumTypeXXHashH364,
                                            ChecksumTypeCRC32};
-  RunOptions options;
-  options.stopAtCall = 2;
-  const Recording recording = runOnData(three, data, options);
+  const Recording recording = runOnData(three, data, stoppingAtCall(2));
   EXPECT_EQ(recording.progress.size(), 2u);
   ASSERT_EQ(recording.supplied.size(), 3u);
-  int fed = 0;
-  for (ChecksumType type : three) {
-    const std::string text = *recording.textFor(type);
-    if (text == referenceChecksum(type, data)) {
-      ++fed;
-    } else {
-      EXPECT_EQ(text, type.emptyChecksumValue()) << type.name();
-    }
-  }
-  EXPECT_EQ(fed, 2);
+  EXPECT_EQ(countFedAlgorithms(recording, three, data), 2);
 }
 
 TEST(ChecksumGeneratorData, BufferLargerThanTheReadSizeIsHandedOverWhole) {
-  const Bytes data = randomContent(kReadSize + 4096);
+  const Bytes data = testsupport::seededRandomBytes(kReadSize + 4096);
   const Recording recording = runOnData({ChecksumTypeXXHash64}, data);
   // One hand-off of the whole buffer: a single progress call covering all of it.
   ASSERT_EQ(recording.progress.size(), 1u);
@@ -495,7 +344,7 @@ TEST(ChecksumGeneratorData, BufferLargerThanTheReadSizeIsHandedOverWhole) {
 }
 
 TEST(ChecksumGeneratorData, AllAlgorithmsInOneRunMatchIndependentReferences) {
-  const Bytes data = randomContent(1 * kMiB + 3);
+  const Bytes data = testsupport::seededRandomBytes(1 * kMiB + 3);
   const Recording recording = runOnData(algorithmsWithAGenerator(), data);
   const std::size_t count = algorithmsWithAGenerator().size();
   ASSERT_EQ(recording.progress.size(), count);
@@ -518,7 +367,7 @@ TEST(ChecksumGeneratorData, C4IsComputedOnceAvailable) {
 }
 
 TEST(ChecksumGeneratorData, CallbacksRunOnTheCallersThread) {
-  const Bytes data = randomContent(64 * 1024);
+  const Bytes data = testsupport::seededRandomBytes(64 * 1024);
   const Recording recording = runOnData(algorithmsWithAGenerator(), data);
   EXPECT_EQ(recording.supplied.size(), algorithmsWithAGenerator().size());
   EXPECT_FALSE(recording.calledOffTheCallersThread);
@@ -536,8 +385,7 @@ TEST(ChecksumGeneratorData, MissingCallbacksAreAccepted) {
 
 TEST(ChecksumGeneratorFile, EmptyAlgorithmListGivesNoCallbackAndDoesNotOpenTheFile) {
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
-  writeFile(path, testsupport::bytesOf("never opened"));
+  const std::string path = directory.writeFile("content", testsupport::bytesOf("never opened"));
   FileAccessWatch watch(path);
   SKIP_UNLESS_USABLE(watch);
 
@@ -547,8 +395,7 @@ TEST(ChecksumGeneratorFile, EmptyAlgorithmListGivesNoCallbackAndDoesNotOpenTheFi
 
 TEST(ChecksumGeneratorFile, AlgorithmsWithoutAGeneratorGiveNoCallbackAndDoNotOpenTheFile) {
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
-  writeFile(path, testsupport::bytesOf("never opened"));
+  const std::string path = directory.writeFile("content", testsupport::bytesOf("never opened"));
   FileAccessWatch watch(path);
   SKIP_UNLESS_USABLE(watch);
 
@@ -560,9 +407,8 @@ TEST(ChecksumGeneratorFile, AlgorithmsWithoutAGeneratorGiveNoCallbackAndDoNotOpe
 TEST(ChecksumGeneratorFile, FileIsOpenedOnceAnAlgorithmHasAGenerator) {
   // The counterpart of the two tests above: the watch does see the run's open.
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
   const Bytes content = testsupport::bytesOf("opened");
-  writeFile(path, content);
+  const std::string path = directory.writeFile("content", content);
   FileAccessWatch watch(path);
   SKIP_UNLESS_USABLE(watch);
 
@@ -575,9 +421,8 @@ TEST(ChecksumGeneratorFile, FileIsOpenedOnceAnAlgorithmHasAGenerator) {
 
 TEST(ChecksumGeneratorFile, SameAlgorithmTwiceGivesOneSupplyCall) {
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
   const Bytes content = testsupport::bytesOf("listed twice");
-  writeFile(path, content);
+  const std::string path = directory.writeFile("content", content);
   const Recording recording = runOnFile({ChecksumTypeCRC32, ChecksumTypeCRC32}, path);
   ASSERT_EQ(recording.progress.size(), 1u);
   EXPECT_EQ(recording.progress[0].fraction, 1.0f);
@@ -586,8 +431,7 @@ TEST(ChecksumGeneratorFile, SameAlgorithmTwiceGivesOneSupplyCall) {
 
 TEST(ChecksumGeneratorFile, EmptyFileGivesNoProgressAndTheEmptyInputChecksums) {
   ScratchDirectory directory;
-  const std::string path = directory.file("empty");
-  writeFile(path, {});
+  const std::string path = directory.writeFile("empty", {});
   const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
   EXPECT_TRUE(recording.progress.empty());
   expectReferenceChecksums(recording, algorithmsWithAGenerator(), {});
@@ -598,9 +442,8 @@ TEST(ChecksumGeneratorFile, EmptyFileGivesNoProgressAndTheEmptyInputChecksums) {
 
 TEST(ChecksumGeneratorFile, OneByteFileGivesOneProgressCallOfTheWholeFile) {
   ScratchDirectory directory;
-  const std::string path = directory.file("one-byte");
   const Bytes content = {0x61};
-  writeFile(path, content);
+  const std::string path = directory.writeFile("one-byte", content);
   const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
   ASSERT_EQ(recording.progress.size(), 1u);
   EXPECT_EQ(recording.progress[0].fraction, 1.0f);
@@ -610,9 +453,8 @@ TEST(ChecksumGeneratorFile, OneByteFileGivesOneProgressCallOfTheWholeFile) {
 
 TEST(ChecksumGeneratorFile, FileOfExactlyOneReadSizeGivesOneProgressCall) {
   ScratchDirectory directory;
-  const std::string path = directory.file("eight-mib");
-  const Bytes content = randomContent(kReadSize);
-  writeFile(path, content);
+  const Bytes content = testsupport::seededRandomBytes(kReadSize);
+  const std::string path = directory.writeFile("eight-mib", content);
   const Recording recording = runOnFile({ChecksumTypeXXHashH3128}, path);
   ASSERT_EQ(recording.progress.size(), 1u);
   EXPECT_EQ(recording.progress[0].fraction, 1.0f);
@@ -622,9 +464,8 @@ TEST(ChecksumGeneratorFile, FileOfExactlyOneReadSizeGivesOneProgressCall) {
 
 TEST(ChecksumGeneratorFile, TwentyMiBFileIsReadInEightMiBChunks) {
   ScratchDirectory directory;
-  const std::string path = directory.file("twenty-mib");
-  const Bytes content = randomContent(20 * kMiB);
-  writeFile(path, content);
+  const Bytes content = testsupport::seededRandomBytes(20 * kMiB);
+  const std::string path = directory.writeFile("twenty-mib", content);
   const Recording recording = runOnFile({ChecksumTypeXXHash64}, path);
   // Reads of 8 MiB, 8 MiB and 4 MiB: fractions 8/20, 16/20 and 20/20 computed in double and
   // narrowed to float.
@@ -640,10 +481,9 @@ TEST(ChecksumGeneratorFile, TwentyMiBFileIsReadInEightMiBChunks) {
 
 TEST(ChecksumGeneratorFile, AllAlgorithmsInOneRunMatchIndependentReferences) {
   ScratchDirectory directory;
-  const std::string path = directory.file("two-chunks");
   // One full chunk and a short second one.
-  const Bytes content = randomContent(kReadSize + 12345);
-  writeFile(path, content);
+  const Bytes content = testsupport::seededRandomBytes(kReadSize + 12345);
+  const std::string path = directory.writeFile("two-chunks", content);
   const Recording recording = runOnFile(algorithmsWithAGenerator(), path);
   ASSERT_EQ(recording.progress.size(), 2u);
   EXPECT_EQ(recording.progress[0].bytes, kReadSize);
@@ -657,15 +497,14 @@ TEST(ChecksumGeneratorFile, AllAlgorithmsInOneRunMatchIndependentReferences) {
 
 TEST(ChecksumGeneratorFile, StopFromTheProgressCallbackEndsReadingWithoutSupply) {
   ScratchDirectory directory;
-  const std::string path = directory.file("twenty-mib");
-  writeFile(path, randomContent(20 * kMiB));
+  const std::string path =
+      directory.writeFile("twenty-mib", testsupport::seededRandomBytes(20 * kMiB));
   FileAccessWatch watch(path);
   SKIP_UNLESS_USABLE(watch);
 
   int readsBeforeStop = 0;
-  RunOptions options;
-  options.stopAtCall = 1;
-  options.onProgress = [&] { readsBeforeStop += watch.drain().reads; };
+  const RunOptions options = {.stopAtCall = 1,
+                              .onProgress = [&] { readsBeforeStop += watch.drain().reads; }};
   const Recording recording = runOnFile({ChecksumTypeMD5, ChecksumTypeXXHash64}, path, options);
 
   ASSERT_EQ(recording.progress.size(), 1u);
@@ -678,11 +517,8 @@ TEST(ChecksumGeneratorFile, StopFromTheProgressCallbackEndsReadingWithoutSupply)
 
 TEST(ChecksumGeneratorFile, StopOnTheLastChunkStillSuppliesNothing) {
   ScratchDirectory directory;
-  const std::string path = directory.file("one-byte");
-  writeFile(path, {0x7a});
-  RunOptions options;
-  options.stopAtCall = 1;
-  const Recording recording = runOnFile(algorithmsWithAGenerator(), path, options);
+  const std::string path = directory.writeFile("one-byte", {0x7a});
+  const Recording recording = runOnFile(algorithmsWithAGenerator(), path, stoppingAtCall(1));
   ASSERT_EQ(recording.progress.size(), 1u);
   EXPECT_EQ(recording.progress[0].fraction, 1.0f);
   EXPECT_TRUE(recording.supplied.empty());
@@ -695,8 +531,8 @@ TEST(ChecksumGeneratorFile, MissingFileGivesNoCallback) {
 
 TEST(ChecksumGeneratorFile, DirectoryIsRefusedWithoutCallbacks) {
   ScratchDirectory directory;
-  writeFile(directory.file("inside"), testsupport::bytesOf("a file in the directory"));
-  EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), directory.path()).empty());
+  directory.writeFile("inside", testsupport::bytesOf("a file in the directory"));
+  EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), directory.path().string()).empty());
 }
 
 // Runs with the effective user "nobody" while alive when the process runs as root, so that file
@@ -728,8 +564,7 @@ class EffectiveUserWithoutPrivileges {
 TEST(ChecksumGeneratorFile, UnreadableFileGivesNoCallback) {
   ScratchDirectory directory;
   ASSERT_EQ(::chmod(directory.path().c_str(), 0711), 0);  // others may pass, not list
-  const std::string path = directory.file("unreadable");
-  writeFile(path, testsupport::bytesOf("secret"));
+  const std::string path = directory.writeFile("unreadable", testsupport::bytesOf("secret"));
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
 
   Recording recording;
@@ -773,7 +608,7 @@ TEST(ChecksumGeneratorFile, SizeUnavailableButFileOpensSuppliesWithoutProgress) 
   ScratchDirectory directory;
   const std::string path = directory.file("fifo");
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
-  const Bytes content = randomContent(3 * kMiB + 17);
+  const Bytes content = testsupport::seededRandomBytes(3 * kMiB + 17);
 
   std::thread writer([&] {
     // Non-blocking open fails with ENXIO until the run has opened the reading end; give up after
@@ -836,7 +671,7 @@ TEST(ChecksumGeneratorStatic, MD5OfEmptyDataIsTheEmptyInputDigest) {
 }
 
 TEST(ChecksumGeneratorStatic, DataMatchesTheReferenceForEveryAlgorithm) {
-  const Bytes data = randomContent(100003);
+  const Bytes data = testsupport::seededRandomBytes(100003);
   for (ChecksumType type : algorithmsWithAGenerator()) {
     EXPECT_EQ(ChecksumGenerator::generateChecksumForData(data, type), referenceChecksum(type, data))
         << type.name();
@@ -845,9 +680,8 @@ TEST(ChecksumGeneratorStatic, DataMatchesTheReferenceForEveryAlgorithm) {
 
 TEST(ChecksumGeneratorStatic, FileMatchesTheReferenceForEveryAlgorithm) {
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
-  const Bytes content = randomContent(200001);
-  writeFile(path, content);
+  const Bytes content = testsupport::seededRandomBytes(200001);
+  const std::string path = directory.writeFile("content", content);
   for (ChecksumType type : algorithmsWithAGenerator()) {
     EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, type),
               referenceChecksum(type, content))
@@ -857,8 +691,7 @@ TEST(ChecksumGeneratorStatic, FileMatchesTheReferenceForEveryAlgorithm) {
 
 TEST(ChecksumGeneratorStatic, FileWithAnAlgorithmWithoutAGeneratorReturnsNothing) {
   ScratchDirectory directory;
-  const std::string path = directory.file("content");
-  writeFile(path, testsupport::bytesOf("abc"));
+  const std::string path = directory.writeFile("content", testsupport::bytesOf("abc"));
   EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, ChecksumTypeSRSum), std::nullopt);
   EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, ChecksumType(6)), std::nullopt);
 }
@@ -867,14 +700,13 @@ TEST(ChecksumGeneratorStatic, FileThatCannotBeOpenedReturnsNothing) {
   ScratchDirectory directory;
   EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(directory.file("missing"), ChecksumTypeMD5),
             std::nullopt);
-  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(directory.path(), ChecksumTypeMD5),
+  EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(directory.path().string(), ChecksumTypeMD5),
             std::nullopt);
 }
 
 TEST(ChecksumGeneratorStatic, EmptyFileGivesTheEmptyInputChecksum) {
   ScratchDirectory directory;
-  const std::string path = directory.file("empty");
-  writeFile(path, {});
+  const std::string path = directory.writeFile("empty", {});
   for (ChecksumType type : algorithmsWithAGenerator()) {
     EXPECT_EQ(ChecksumGenerator::generateChecksumForFile(path, type), type.emptyChecksumValue())
         << type.name();

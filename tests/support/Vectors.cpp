@@ -8,10 +8,12 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <sstream>
 
+#include "dispatch/CountingSemaphore.hpp"
 #include "dispatch/SerialQueue.hpp"
 
 namespace corvane::testsupport {
@@ -41,6 +43,24 @@ int hexDigitValue(char digit) {
   if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
   if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
   return -1;
+}
+
+// Calls `visit` with the line number, key and value of every "Key = value" line of `path`. Blank
+// lines, comment lines ("#") and "[L = n]" headers are skipped.
+void forEachAssignment(
+    const std::filesystem::path& path,
+    const std::function<void(std::size_t, std::string_view, std::string_view)>& visit) {
+  std::istringstream lines(readTextFile(path));
+  std::string rawLine;
+  std::size_t lineNumber = 0;
+  while (std::getline(lines, rawLine)) {
+    ++lineNumber;
+    const std::string_view line = trim(rawLine);
+    if (line.empty() || line.front() == '#' || line.front() == '[') continue;
+    std::string_view key;
+    std::string_view value;
+    if (splitAssignment(line, key, value)) visit(lineNumber, key, value);
+  }
 }
 
 std::string lowercase(std::string_view text) {
@@ -99,78 +119,62 @@ SharedBytes share(Bytes bytes) { return std::make_shared<const Bytes>(std::move(
 
 std::vector<MessageDigestVector> readMessageDigestVectors(const std::filesystem::path& path) {
   std::vector<MessageDigestVector> vectors;
-  std::istringstream lines(readTextFile(path));
-  std::string rawLine;
-  std::size_t lineNumber = 0;
   bool haveLength = false;
   std::size_t length = 0;
   std::optional<Bytes> message;
-  while (std::getline(lines, rawLine)) {
-    ++lineNumber;
-    const std::string_view line = trim(rawLine);
-    if (line.empty() || line.front() == '#' || line.front() == '[') continue;
-    std::string_view key;
-    std::string_view value;
-    if (!splitAssignment(line, key, value)) continue;
-    if (key == "Len") {
-      length = static_cast<std::size_t>(std::stoull(std::string(value)));
-      haveLength = true;
-      message.reset();
-    } else if (key == "Msg") {
-      message = hexDecode(value);
-      if (!message) ADD_FAILURE() << path << ":" << lineNumber << ": bad hex in Msg";
-    } else if (key == "MD") {
-      if (!haveLength || !message) {
-        ADD_FAILURE() << path << ":" << lineNumber << ": MD without Len and Msg";
-        continue;
-      }
-      MessageDigestVector vector;
-      vector.lengthInBits = length;
-      // "Len = 0" is written with "Msg = 00": the message is empty.
-      vector.message = length == 0 ? Bytes{} : *message;
-      vector.digest = lowercase(value);
-      vector.line = lineNumber;
-      if (vector.message.size() * 8 != vector.lengthInBits) {
-        ADD_FAILURE() << path << ":" << lineNumber << ": Len " << vector.lengthInBits
-                      << " does not match " << vector.message.size() << " message bytes";
-      }
-      vectors.push_back(std::move(vector));
-      haveLength = false;
-      message.reset();
-    }
-  }
+  forEachAssignment(
+      path, [&](std::size_t lineNumber, std::string_view key, std::string_view value) {
+        if (key == "Len") {
+          length = static_cast<std::size_t>(std::stoull(std::string(value)));
+          haveLength = true;
+          message.reset();
+        } else if (key == "Msg") {
+          message = hexDecode(value);
+          if (!message) ADD_FAILURE() << path << ":" << lineNumber << ": bad hex in Msg";
+        } else if (key == "MD") {
+          if (!haveLength || !message) {
+            ADD_FAILURE() << path << ":" << lineNumber << ": MD without Len and Msg";
+            return;
+          }
+          MessageDigestVector vector;
+          vector.lengthInBits = length;
+          // "Len = 0" is written with "Msg = 00": the message is empty.
+          vector.message = length == 0 ? Bytes{} : *message;
+          vector.digest = lowercase(value);
+          vector.line = lineNumber;
+          if (vector.message.size() * 8 != vector.lengthInBits) {
+            ADD_FAILURE() << path << ":" << lineNumber << ": Len " << vector.lengthInBits
+                          << " does not match " << vector.message.size() << " message bytes";
+          }
+          vectors.push_back(std::move(vector));
+          haveLength = false;
+          message.reset();
+        }
+      });
   return vectors;
 }
 
 MonteCarloVectors readMonteCarloVectors(const std::filesystem::path& path) {
   MonteCarloVectors vectors;
-  std::istringstream lines(readTextFile(path));
-  std::string rawLine;
-  std::size_t lineNumber = 0;
   bool haveCount = false;
   std::size_t count = 0;
-  while (std::getline(lines, rawLine)) {
-    ++lineNumber;
-    const std::string_view line = trim(rawLine);
-    if (line.empty() || line.front() == '#' || line.front() == '[') continue;
-    std::string_view key;
-    std::string_view value;
-    if (!splitAssignment(line, key, value)) continue;
-    if (key == "Seed") {
-      auto seed = hexDecode(value);
-      if (!seed) ADD_FAILURE() << path << ":" << lineNumber << ": bad hex in Seed";
-      vectors.seed = seed.value_or(Bytes{});
-    } else if (key == "COUNT") {
-      count = static_cast<std::size_t>(std::stoull(std::string(value)));
-      haveCount = true;
-    } else if (key == "MD") {
-      if (!haveCount || count != vectors.checkpoints.size()) {
-        ADD_FAILURE() << path << ":" << lineNumber << ": checkpoints out of sequence";
-      }
-      vectors.checkpoints.push_back(lowercase(value));
-      haveCount = false;
-    }
-  }
+  forEachAssignment(
+      path, [&](std::size_t lineNumber, std::string_view key, std::string_view value) {
+        if (key == "Seed") {
+          auto seed = hexDecode(value);
+          if (!seed) ADD_FAILURE() << path << ":" << lineNumber << ": bad hex in Seed";
+          vectors.seed = seed.value_or(Bytes{});
+        } else if (key == "COUNT") {
+          count = static_cast<std::size_t>(std::stoull(std::string(value)));
+          haveCount = true;
+        } else if (key == "MD") {
+          if (!haveCount || count != vectors.checkpoints.size()) {
+            ADD_FAILURE() << path << ":" << lineNumber << ": checkpoints out of sequence";
+          }
+          vectors.checkpoints.push_back(lowercase(value));
+          haveCount = false;
+        }
+      });
   return vectors;
 }
 
@@ -224,6 +228,44 @@ Bytes randomBytes(std::mt19937_64& random, std::size_t count) {
   std::uniform_int_distribution<unsigned> byte(0, 255);
   for (auto& b : bytes) b = static_cast<std::uint8_t>(byte(random));
   return bytes;
+}
+
+Bytes seededRandomBytes(std::size_t count) {
+  std::mt19937_64 random(randomTestSeed());
+  return randomBytes(random, count);
+}
+
+const std::vector<ChecksumType>& typesWithAGenerator() {
+  static const std::vector<ChecksumType> types{
+      ChecksumTypeMD5,  ChecksumTypeXXHash64,   ChecksumTypeCRC32,
+      ChecksumTypeSHA1, ChecksumTypeSHA256,     ChecksumTypeSHA512,
+      ChecksumTypeC4,   ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128};
+  return types;
+}
+
+const std::vector<ChecksumType>& algorithmsWithAGenerator() {
+  static const std::vector<ChecksumType> available = [] {
+    std::vector<ChecksumType> types;
+    for (ChecksumType type : typesWithAGenerator()) {
+      if (CorvaneChecksumGenerator::checksumGeneratorForType(type)) types.push_back(type);
+    }
+    return types;
+  }();
+  return available;
+}
+
+std::shared_ptr<CorvaneChecksumGenerator> newGenerator(ChecksumType type) {
+  auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
+  if (!generator) ADD_FAILURE() << "no generator for " << describeType(type);
+  return generator;
+}
+
+int freeSemaphoreSlots(const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
+  const auto semaphore = generator->limitingSemaphore();
+  int freeSlots = 0;
+  while (freeSlots < 20 && semaphore->tryWait()) ++freeSlots;
+  for (int i = 0; i < freeSlots; ++i) semaphore->signal();
+  return freeSlots;
 }
 
 std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGenerator>& generator,
@@ -287,12 +329,18 @@ std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGen
   return checksum;
 }
 
-std::optional<std::string> finalizeAndWait(
+std::future<std::optional<std::string>> finalizeLater(
     const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
   auto promise = std::make_shared<std::promise<std::optional<std::string>>>();
   auto future = promise->get_future();
   generator->finalizeChecksumWithCompletionBlock(
       [promise](const std::optional<std::string>& checksum) { promise->set_value(checksum); });
+  return future;
+}
+
+std::optional<std::string> finalizeAndWait(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator) {
+  auto future = finalizeLater(generator);
   if (future.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
     ADD_FAILURE() << "the completion callback was not called within 120 s";
     return std::nullopt;
@@ -306,11 +354,8 @@ std::string describeType(ChecksumType type) {
 
 std::optional<std::string> checksumOfChunks(ChecksumType type,
                                             const std::vector<SharedBytes>& chunks) {
-  auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
-  if (!generator) {
-    ADD_FAILURE() << "no generator for ChecksumType " << type.rawValue();
-    return std::nullopt;
-  }
+  auto generator = newGenerator(type);
+  if (!generator) return std::nullopt;
   return runGenerator(generator, chunks);
 }
 
@@ -320,6 +365,30 @@ std::optional<std::string> checksumOf(ChecksumType type, const Bytes& input) {
 
 std::optional<std::string> checksumOf(ChecksumType type, std::string_view input) {
   return checksumOf(type, bytesOf(input));
+}
+
+void expectSplitsGiveTheOneChunkResult(const std::vector<ChecksumType>& types,
+                                       const std::vector<std::size_t>& lengths,
+                                       const SplitPlan& plan) {
+  const auto seed = randomTestSeed();
+  SCOPED_TRACE(describeSeed(seed));
+  std::mt19937_64 random(seed);
+  for (std::size_t length : lengths) {
+    const Bytes input = randomBytes(random, length);
+    for (ChecksumType type : types) {
+      SCOPED_TRACE(describeType(type) + " length " + std::to_string(length));
+      const auto oneChunk = checksumOf(type, input);
+      ASSERT_TRUE(oneChunk.has_value());
+      // Random sizes with empty chunks mixed in (and before and after the data).
+      EXPECT_EQ(checksumOfChunks(type, randomSplit(input, random, plan.maxChunk)), oneChunk);
+      EXPECT_EQ(checksumOfChunks(
+                    type, randomSplit(input, random, plan.largeMaxChunk, plan.largeEmptyOneIn)),
+                oneChunk);
+      if (length <= plan.byteAtATimeUpTo) {
+        EXPECT_EQ(checksumOfChunks(type, byteAtATime(input)), oneChunk);
+      }
+    }
+  }
 }
 
 struct QueueStall::State {
@@ -337,14 +406,11 @@ QueueStall::QueueStall(const std::shared_ptr<CorvaneChecksumGenerator>& generato
     state->changed.notify_all();
     state->changed.wait(lock, [&] { return state->released; });
   });
-}
-
-QueueStall::~QueueStall() { release(); }
-
-void QueueStall::waitUntilStalled() {
   std::unique_lock lock(state_->mutex);
   state_->changed.wait(lock, [&] { return state_->started; });
 }
+
+QueueStall::~QueueStall() { release(); }
 
 void QueueStall::release() {
   std::lock_guard lock(state_->mutex);

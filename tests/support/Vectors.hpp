@@ -1,6 +1,7 @@
 // Test helpers shared by the checksum suites: locating and parsing the known-answer files under
-// tests/data/vectors, hex conversion, chunk splitting, and running a streaming generator to its
-// result on the calling thread's schedule.
+// tests/data/vectors, hex conversion, random data and chunk splitting, the algorithms with a
+// generator, and running a streaming generator to its result on the calling thread's schedule.
+// Independent reference checksums are in support/References.hpp.
 //
 // The vector files are plain data copied into the project (tests/data/vectors/SOURCES.md names
 // the origin of each). Tests find them through the compile definition CORVANE_TEST_DATA_DIR.
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <optional>
 #include <random>
@@ -72,6 +74,22 @@ std::vector<SharedBytes> byteAtATime(const Bytes& input);
 std::vector<SharedBytes> fixedSplit(const Bytes& input, std::size_t chunkSize);
 // `count` random bytes.
 Bytes randomBytes(std::mt19937_64& random, std::size_t count);
+// `count` random bytes from a generator freshly seeded with randomTestSeed(): the same bytes
+// every call.
+Bytes seededRandomBytes(std::size_t count);
+
+// The nine algorithms that have a generator: every single flag except SR Sum (64), which has
+// none.
+const std::vector<ChecksumType>& typesWithAGenerator();
+// typesWithAGenerator(), in the same order, less those the factory does not offer. C4 sits on
+// the BigInt arithmetic and joins the list once the factory offers it.
+const std::vector<ChecksumType>& algorithmsWithAGenerator();
+// A fresh generator of `type` from the factory; null, after failing the calling test without
+// ending it, when the factory has none.
+std::shared_ptr<CorvaneChecksumGenerator> newGenerator(ChecksumType type);
+// The free slots of `generator`'s limiting semaphore, counted by taking them (20 at the most)
+// and then giving them back.
+int freeSemaphoreSlots(const std::shared_ptr<CorvaneChecksumGenerator>& generator);
 
 // Hands every chunk to `generator` (in order, with update callbacks), then finalizes it and
 // waits for the completion callback. Returns the text given to the completion callback.
@@ -83,6 +101,9 @@ std::optional<std::string> runGenerator(const std::shared_ptr<CorvaneChecksumGen
 // text it received. Fails the calling test when the callback does not come.
 std::optional<std::string> finalizeAndWait(
     const std::shared_ptr<CorvaneChecksumGenerator>& generator);
+// Finalizes `generator`; the future gives the text its completion callback receives.
+std::future<std::optional<std::string>> finalizeLater(
+    const std::shared_ptr<CorvaneChecksumGenerator>& generator);
 // "ChecksumType 16", for SCOPED_TRACE and failure messages.
 std::string describeType(ChecksumType type);
 // A fresh generator of `type` fed `chunks`. Fails the test when the factory has no generator.
@@ -92,8 +113,25 @@ std::optional<std::string> checksumOfChunks(ChecksumType type,
 std::optional<std::string> checksumOf(ChecksumType type, const Bytes& input);
 std::optional<std::string> checksumOf(ChecksumType type, std::string_view input);
 
+// How expectSplitsGiveTheOneChunkResult cuts each input: random chunks of at most `maxChunk`
+// bytes with the default share of empty chunks, random chunks of at most `largeMaxChunk` bytes
+// with one empty chunk in `largeEmptyOneIn`, and one byte at a time for inputs of at most
+// `byteAtATimeUpTo` bytes.
+struct SplitPlan {
+  std::size_t maxChunk = 0;
+  std::size_t largeMaxChunk = 0;
+  unsigned largeEmptyOneIn = 5;
+  std::size_t byteAtATimeUpTo = 0;
+};
+// For every length of `lengths`, random bytes of that length (from randomTestSeed()) fed to a
+// generator of each of `types` in the chunks of `plan` must give the result of one chunk.
+void expectSplitsGiveTheOneChunkResult(const std::vector<ChecksumType>& types,
+                                       const std::vector<std::size_t>& lengths,
+                                       const SplitPlan& plan);
+
 // Blocks the generator's serial queue until release() (or destruction) so tests can observe
-// what happens while tasks are waiting. The blocking task is queued on construction.
+// what happens while tasks are waiting. The constructor queues the blocking task and returns once
+// it has started running on the queue.
 class QueueStall {
  public:
   explicit QueueStall(const std::shared_ptr<CorvaneChecksumGenerator>& generator);
@@ -101,8 +139,6 @@ class QueueStall {
   QueueStall(const QueueStall&) = delete;
   QueueStall& operator=(const QueueStall&) = delete;
 
-  // Waits until the blocking task has started running on the queue.
-  void waitUntilStalled();
   void release();
 
  private:

@@ -1,6 +1,6 @@
 // Runs the built corvane-checksum program on scratch files and compares its output with
 // independent answers: the coreutils md5sum/sha1sum/sha256sum/sha512sum and xxhsum programs, and
-// a byte-at-a-time table CRC written out below.
+// the byte-at-a-time table CRC and base-58 C4 conversion of support/References.hpp.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -21,6 +21,8 @@
 #include <vector>
 
 #include "corvane/Version.hpp"
+#include "support/References.hpp"
+#include "support/Vectors.hpp"
 
 #ifndef CORVANE_TOOL_PATH
 #define CORVANE_TOOL_PATH ""
@@ -145,54 +147,16 @@ std::string referenceFromProgram(const std::string& program, const std::string& 
   return firstLine.substr(0, firstLine.find(' '));
 }
 
-// CRC-32 over the reflected polynomial 0xEDB88320 computed one byte at a time with a 256-entry
-// table, register starting at 0 (not all ones), complemented at the end and printed with "%02x"
-// (lowercase, no zero-filling beyond two digits).
+// Our CRC-32 variant of `bytes`: the byte-at-a-time table CRC of support/References.hpp.
 std::string referenceCrc32(const std::string& bytes) {
-  std::array<std::uint32_t, 256> table{};
-  for (std::uint32_t n = 0; n < 256; ++n) {
-    std::uint32_t v = n;
-    for (int k = 0; k < 8; ++k) {
-      v = (v & 1u) ? 0xEDB88320u ^ (v >> 1) : v >> 1;
-    }
-    table[n] = v;
-  }
-  std::uint32_t crc = 0;
-  for (unsigned char byte : bytes) {
-    crc = table[(crc ^ byte) & 0xFFu] ^ (crc >> 8);
-  }
-  char text[16];
-  std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(~crc));
-  return text;
+  return corvane::testsupport::crc32Reference(corvane::testsupport::bytesOf(bytes));
 }
 
-// C4 ID from a SHA-512 hex text: the digest as a base-58 number (alphabet written out here),
-// most significant digit first, left-filled with '1' to 88 digits, prefixed with "c4". Long
-// division of the digest bytes by 58, one digit per pass.
+// The C4 ID of a SHA-512 digest given as hex text: the base-58 reference of
+// support/References.hpp.
 std::string referenceC4FromSha512Hex(const std::string& hex) {
-  static const char kAlphabet[] = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
-  std::vector<unsigned> bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(static_cast<unsigned>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  std::string digits;
-  auto isZero = [&] {
-    for (unsigned b : bytes) {
-      if (b != 0) return false;
-    }
-    return true;
-  };
-  while (!isZero()) {
-    unsigned remainder = 0;
-    for (unsigned& b : bytes) {
-      const unsigned value = remainder * 256 + b;
-      b = value / 58;
-      remainder = value % 58;
-    }
-    digits.insert(digits.begin(), kAlphabet[remainder]);
-  }
-  while (digits.size() < 88) digits.insert(digits.begin(), '1');
-  return "c4" + digits;
+  return corvane::testsupport::c4IdOfNumber(
+      corvane::testsupport::hexDecode(hex).value_or(corvane::Bytes{}));
 }
 
 // The reference checksum of the file at `path` for one command-line algorithm name.
