@@ -17,10 +17,10 @@
 // mod() gives a one-word dividend back unchanged and of a longer dividend only its lowest word
 // (with the dividend's sign).
 //
-// Capacity limits show up as exceptions, never as silently wrapped results: sums and differences
-// raise "Overflow", products "overflow." or "Multiplication overflow.". modPow() needs its
-// Barrett constant 2^(64k) (k = words of the modulus) inside the capacity, so it serves moduli of
-// at most 63 words; the products it forms stay below 2^4095 for moduli of at most 62 words.
+// Arithmetic beyond the capacity raises: sums and differences "Overflow", products "overflow."
+// or "Multiplication overflow." (shifts, by design, drop the bits they push out). modPow() needs
+// its Barrett constant 2^(64k) (k = words of the modulus) inside the capacity, so it serves
+// moduli of at most 63 words (2016 bits).
 //
 // Not synchronised: distinct values may be used on distinct threads, and a value may be shared
 // read-only; bitCount() and the mutating accessors must not race with other users.
@@ -46,10 +46,10 @@ class CORVANE_API BigInt {
   BigInt(const BigInt& other) noexcept;
   BigInt& operator=(const BigInt& other) noexcept;
 
-  static BigInt create();                             // zero
-  static BigInt createFromInt(std::int32_t value);    // initWithInt:, sign-extended
-  static BigInt createFromLong(std::int64_t value);   // initWithLong:
-  static BigInt createFromULong(std::uint64_t value); // initWithULong:
+  static BigInt create();                              // zero
+  static BigInt createFromInt(std::int32_t value);     // initWithInt:, sign-extended
+  static BigInt createFromLong(std::int64_t value);    // initWithLong:
+  static BigInt createFromULong(std::uint64_t value);  // initWithULong:
   static BigInt createFromBigInt(const BigInt& other);
   // initWithUIntArray:withSize: — `words` most significant first; throws "ArithmaticException" /
   // "Byte overflow in constructor" when size > 128; size < 1 leaves dataLength = size unchanged.
@@ -91,12 +91,12 @@ class CORVANE_API BigInt {
   BigInt shiftRight(std::int32_t bits) const;
   // In-place buffer shifts over `withSizeOf` words; return the new used word count.
   static std::int32_t shiftLeft(std::uint32_t* buffer, std::int32_t withSizeOf, std::int32_t bits);
-  static std::int32_t shiftRight(std::uint32_t* buffer, std::int32_t withSizeOf,
-                                 std::int32_t bits);
+  static std::int32_t shiftRight(std::uint32_t* buffer, std::int32_t withSizeOf, std::int32_t bits);
   BigInt and_(const BigInt& other) const;  // `and:`
   BigInt or_(const BigInt& other) const;   // `or:`
   BigInt xOr(const BigInt& other) const;
-  // Bit length; trims the receiver's dataLength first. Negative values give 4096.
+  // Bit length; trims the receiver's dataLength first. Negative values give 4096, a value
+  // without any word in use (dataLength below 1) gives 0.
   std::int32_t bitCount();
   BigInt abs() const;  // "Overflow in negation." for the most negative value
 
@@ -111,20 +111,26 @@ class CORVANE_API BigInt {
   BigInt mod(const BigInt& divisor) const;     // sign of the dividend
   // Division primitives for non-negative operands with dividend >= divisor; fill both outputs
   // (which may be the operands themselves). singleByteDivide divides by word 0 of bi2 (a zero
-  // word gives quotient 0 and keeps the lowest word of bi1 as the remainder); multiByteDivide
-  // expects a divisor of two or more words in normal form (a shorter one is passed on to
-  // singleByteDivide).
+  // word gives quotient 0 and keeps the lowest word of bi1 as the remainder). multiByteDivide
+  // takes a divisor of two to 128 words (zero words at its top do not count; a divisor left with
+  // one word goes to singleByteDivide); quotient and remainder are exact.
   static void singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
                                BigInt& outRemainder);
   static void multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
                               BigInt& outRemainder);
   // "ArithmeticException" / "Positive exponents only." for a negative exponent; "Overflow" when
-  // the modulus is 64 words or longer (its Barrett constant 2^(64k) does not fit).
+  // the modulus is 64 words or longer (its Barrett constant 2^(64k) does not fit). The sign of
+  // the modulus is ignored; a negative receiver gives a negative result for an odd exponent. A
+  // zero modulus, whose reduction loop would never end, leaves each step reduced modulo 2^64.
   BigInt modPow(const BigInt& exponent, const BigInt& withMod) const;
-  // x mod n by Barrett's method in base 2^32, with andConstant = 2^(64k) / n (k = words of n).
-  // For a zero or negative n the final subtraction loop is skipped (it would never end).
+  // x mod n by Barrett's method in base 2^32, with andConstant = 2^(64k) / n (k = words of n)
+  // and x below 2^(64k). Products pass on multiply()'s exceptions; for an n of 127 or 128 words
+  // the steps need words beyond the capacity and raise "Overflow" where they would. For a zero or
+  // negative n the final subtraction loop is skipped (it would never end).
   static BigInt barrettReduction(const BigInt& x, const BigInt& andN, const BigInt& andConstant);
-  // Integer square root; the root of 0 has dataLength 0 (kept as is).
+  // Integer square root, bit by bit from the top; the result is not trimmed, so the root of 0
+  // has dataLength 0 (kept as is). Trial squares pass on multiply()'s "overflow." (receivers
+  // from 2^4094 up); a negative receiver gives zero with dataLength 64.
   BigInt sqrt() const;
   BigInt gcd(const BigInt& other) const;
 

@@ -69,8 +69,8 @@ void productOfMagnitudes(const std::uint32_t* a, std::int32_t la, const std::uin
   std::uint32_t* out = result.getData();
   std::fill_n(out, kBigIntWords, 0u);
   accumulateProduct(a, la, b, lb, out);
-  const auto length = static_cast<std::int32_t>(
-      std::min<std::int64_t>(lengthBeforeTrim, kBigIntWords));
+  const auto length =
+      static_cast<std::int32_t>(std::min<std::int64_t>(lengthBeforeTrim, kBigIntWords));
   result.setDataLength(trimmedLength(out, length));
   // Every product that reaches bit 4095 fails, also -2^4095, which the sign-and-magnitude
   // method cannot tell from an overflow.
@@ -216,8 +216,7 @@ std::int32_t BigInt::shiftLeft(std::uint32_t* buffer, std::int32_t withSizeOf, s
   return length;
 }
 
-std::int32_t BigInt::shiftRight(std::uint32_t* buffer, std::int32_t withSizeOf,
-                                std::int32_t bits) {
+std::int32_t BigInt::shiftRight(std::uint32_t* buffer, std::int32_t withSizeOf, std::int32_t bits) {
   std::int32_t length = withSizeOf;
   while (length > 1 && buffer[length - 1] == 0) --length;
   while (bits > 0) {

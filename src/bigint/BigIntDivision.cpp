@@ -50,7 +50,8 @@ int compareTrimmed(const std::uint32_t* a, std::int32_t la, const std::uint32_t*
   return 0;
 }
 
-// a[0, la) -= b[0, lb) with la >= lb and a >= b; returns the trimmed length.
+// a[0, la) -= b[0, lb) with la >= lb and a >= b; returns the trimmed length (la may exceed the
+// capacity by the spare words of a division buffer).
 std::int32_t subtractInPlace(std::uint32_t* a, std::int32_t la, const std::uint32_t* b,
                              std::int32_t lb) {
   std::uint64_t borrow = 0;
@@ -64,7 +65,8 @@ std::int32_t subtractInPlace(std::uint32_t* a, std::int32_t la, const std::uint3
     borrow = a[i] == 0 ? 1 : 0;
     --a[i];
   }
-  return trimmedLength(a, la);
+  while (la > 1 && a[la - 1] == 0) --la;
+  return la;
 }
 
 // r[0, lr) mod n[0, k) for a non-zero n, bit by bit; returns the trimmed length. The end of
@@ -164,6 +166,241 @@ bool isBarrettModulus(const BigInt& n) {
   return true;
 }
 
+// --- modPow on 64-bit limbs ------------------------------------------------------------------
+//
+// When the Barrett constant is exact (mu = floor(2^(64k) / n)) and the running values are below
+// n, every reduction of the exponentiation returns exactly x mod n, and no product can come near
+// the capacity (for k <= 63 words every product stays below 2^4064). The loop then runs on
+// 64-bit limbs: the same Barrett reduction with digits of 64 bits (constant floor(B^(2K) / n) for
+// K = ceil(k / 2) limbs), the square of the running value with each cross product taken once, and
+// q1 * mu without the columns below K - 1, which can only lower q3 by one and costs one more
+// subtraction at the end. The results are those of the word-by-word steps, with a quarter of
+// the multiplications.
+
+__extension__ typedef unsigned __int128 Wide;
+
+// Limb counts: K <= 32 for a modulus of at most 63 words; products need 2K + 2 limbs.
+constexpr int kMaxLimbs = 2 * (kBigIntWords / 4) + 4;
+
+struct Limbs {
+  std::array<std::uint64_t, kMaxLimbs> v;
+  int length = 0;  // trimmed; 0 for zero
+};
+
+void trimLimbs(Limbs& a) {
+  while (a.length > 0 && a.v[a.length - 1] == 0) --a.length;
+}
+
+Limbs limbsOf(const BigInt& value) {
+  Limbs out;
+  const std::uint32_t* w = value.getData();
+  const std::int32_t words = trimmedLength(w, value.dataLength());
+  out.length = (words + 1) / 2;
+  for (int i = 0; i < out.length; ++i) {
+    const std::uint64_t high = 2 * i + 1 < words ? w[2 * i + 1] : 0;
+    out.v[i] = w[2 * i] | (high << 32);
+  }
+  trimLimbs(out);
+  return out;
+}
+
+BigInt bigIntOf(const Limbs& a) {
+  BigInt out;
+  std::uint32_t* w = out.getData();
+  for (int i = 0; i < a.length; ++i) {
+    w[2 * i] = static_cast<std::uint32_t>(a.v[i]);
+    w[2 * i + 1] = static_cast<std::uint32_t>(a.v[i] >> 32);
+  }
+  out.setDataLength(std::max(trimmedLength(w, 2 * a.length), 1));
+  return out;
+}
+
+int compareLimbs(const std::uint64_t* a, int la, const std::uint64_t* b, int lb) {
+  if (la != lb) return la < lb ? -1 : 1;
+  for (int i = la - 1; i >= 0; --i) {
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  }
+  return 0;
+}
+
+// a -= b for a >= b; a keeps its length field trimmed.
+void subtractLimbs(Limbs& a, const Limbs& b) {
+  std::uint64_t borrow = 0;
+  for (int i = 0; i < a.length; ++i) {
+    const std::uint64_t bi = i < b.length ? b.v[i] : 0;
+    const std::uint64_t d = a.v[i] - bi;
+    const std::uint64_t borrowOut = (a.v[i] < bi) | (d < borrow);
+    a.v[i] = d - borrow;
+    borrow = borrowOut;
+  }
+  trimLimbs(a);
+}
+
+// out = a * b (schoolbook on limbs).
+void multiplyLimbs(const Limbs& a, const Limbs& b, Limbs& out) {
+  const int length = a.length + b.length;
+  std::fill_n(out.v.begin(), length, 0u);
+  for (int i = 0; i < a.length; ++i) {
+    const std::uint64_t ai = a.v[i];
+    if (ai == 0) continue;
+    std::uint64_t carry = 0;
+    std::uint64_t* row = out.v.data() + i;
+    for (int j = 0; j < b.length; ++j) {
+      const Wide t = Wide{ai} * b.v[j] + row[j] + carry;
+      row[j] = static_cast<std::uint64_t>(t);
+      carry = static_cast<std::uint64_t>(t >> 64);
+    }
+    row[b.length] = carry;
+  }
+  out.length = length;
+  trimLimbs(out);
+}
+
+// out = a * a: cross products once, doubled, then the squares on the diagonal.
+void squareLimbs(const Limbs& a, Limbs& out) {
+  const int n = a.length;
+  const int length = 2 * n;
+  std::fill_n(out.v.begin(), length, 0u);
+  for (int i = 0; i < n; ++i) {
+    const std::uint64_t ai = a.v[i];
+    if (ai == 0) continue;
+    std::uint64_t carry = 0;
+    std::uint64_t* row = out.v.data() + i;
+    for (int j = i + 1; j < n; ++j) {
+      const Wide t = Wide{ai} * a.v[j] + row[j] + carry;
+      row[j] = static_cast<std::uint64_t>(t);
+      carry = static_cast<std::uint64_t>(t >> 64);
+    }
+    row[n] = carry;
+  }
+  std::uint64_t topBit = 0;
+  for (int i = 0; i < length; ++i) {
+    const std::uint64_t word = out.v[i];
+    out.v[i] = (word << 1) | topBit;
+    topBit = word >> 63;
+  }
+  std::uint64_t carry = 0;
+  for (int i = 0; i < n; ++i) {
+    const Wide square = Wide{a.v[i]} * a.v[i];
+    Wide t = Wide{out.v[2 * i]} + static_cast<std::uint64_t>(square) + carry;
+    out.v[2 * i] = static_cast<std::uint64_t>(t);
+    t = Wide{out.v[2 * i + 1]} + static_cast<std::uint64_t>(square >> 64) +
+        static_cast<std::uint64_t>(t >> 64);
+    out.v[2 * i + 1] = static_cast<std::uint64_t>(t);
+    carry = static_cast<std::uint64_t>(t >> 64);
+  }
+  out.length = length;
+  trimLimbs(out);
+}
+
+struct LimbBarrett {
+  Limbs n;   // K limbs
+  Limbs mu;  // floor(B^(2K) / n)
+  int k = 0;
+};
+
+// out = x mod n for x < B^(2K), by Barrett's steps on limbs.
+void barrettLimbs(const Limbs& x, const LimbBarrett& m, Limbs& out) {
+  const int k = m.k;
+  const std::uint64_t* nv = m.n.v.data();
+  const std::uint64_t* mu = m.mu.v.data();
+  const int lm = m.mu.length;
+
+  // q2 = q1 * mu, columns K - 1 and up; q1 = x without its lowest K - 1 limbs.
+  const int lq1 = x.length - (k - 1);
+  std::array<std::uint64_t, kMaxLimbs + 2> q2;
+  int lq3 = 0;
+  const std::uint64_t* q3 = q2.data() + (k + 1);
+  if (lq1 > 0 && lm > 0) {
+    const std::uint64_t* q1 = x.v.data() + (k - 1);
+    std::fill_n(q2.begin(), lq1 + lm, 0u);
+    for (int i = 0; i < lq1; ++i) {
+      const std::uint64_t qi = q1[i];
+      if (qi == 0) continue;
+      std::uint64_t carry = 0;
+      for (int j = std::max(0, k - 1 - i); j < lm; ++j) {
+        const Wide t = Wide{qi} * mu[j] + q2[i + j] + carry;
+        q2[i + j] = static_cast<std::uint64_t>(t);
+        carry = static_cast<std::uint64_t>(t >> 64);
+      }
+      q2[i + lm] = carry;
+    }
+    lq3 = lq1 + lm - (k + 1);
+  }
+
+  // r2 = q3 * n mod B^(K+1); r = (r1 - r2) mod B^(K+1), r1 = x mod B^(K+1).
+  const int kPlusOne = k + 1;
+  std::array<std::uint64_t, kMaxLimbs> r2;
+  for (int i = 0; i < kPlusOne; ++i) r2[i] = 0;
+  for (int i = 0; i < lq3 && i < kPlusOne; ++i) {
+    const std::uint64_t qi = q3[i];
+    if (qi == 0) continue;
+    std::uint64_t carry = 0;
+    const int stop = std::min(k, kPlusOne - i);
+    for (int j = 0; j < stop; ++j) {
+      const Wide t = Wide{qi} * nv[j] + r2[i + j] + carry;
+      r2[i + j] = static_cast<std::uint64_t>(t);
+      carry = static_cast<std::uint64_t>(t >> 64);
+    }
+    if (i + stop < kPlusOne) r2[i + stop] += carry;
+  }
+  std::uint64_t borrow = 0;
+  for (int i = 0; i < kPlusOne; ++i) {
+    const std::uint64_t xi = i < x.length ? x.v[i] : 0;
+    const std::uint64_t d = xi - r2[i];
+    const std::uint64_t borrowOut = (xi < r2[i]) | (d < borrow);
+    out.v[i] = d - borrow;
+    borrow = borrowOut;
+  }
+  out.length = kPlusOne;
+  trimLimbs(out);
+  while (compareLimbs(out.v.data(), out.length, nv, k) >= 0) subtractLimbs(out, m.n);
+}
+
+// The Barrett constants of n on limbs. mu is checked to be floor(2^(64k) / n), as our division
+// gives it; the limb loop relies on that, so anything else goes the word-by-word way.
+bool limbBarrettOf(const BigInt& n, const BigInt& mu, LimbBarrett& out) {
+  const std::int32_t k = n.dataLength();
+  // rho = 2^(64k) - mu * n must lie in [0, n).
+  BigInt power;
+  power.getData()[2 * k] = 1;
+  power.setDataLength(2 * k + 1);
+  BigInt rho;
+  try {
+    rho = power.subtract(mu.multiply(n));
+  } catch (const Exception&) {
+    return false;
+  }
+  if (rho.isNegative() || !rho.lessThan(n)) return false;
+
+  out.n = limbsOf(n);
+  out.k = out.n.length;
+  out.mu = limbsOf(mu);
+  if (k % 2 != 0) {
+    // B^(2K) = 2^(64k) * 2^64: mu * 2^64 + floor(rho * 2^64 / n), the low limb bit by bit.
+    Limbs rem = limbsOf(rho);
+    std::uint64_t low = 0;
+    for (int bit = 63; bit >= 0; --bit) {
+      std::uint64_t carry = 0;
+      for (int i = 0; i < rem.length; ++i) {
+        const std::uint64_t word = rem.v[i];
+        rem.v[i] = (word << 1) | carry;
+        carry = word >> 63;
+      }
+      if (carry != 0) rem.v[rem.length++] = carry;
+      if (compareLimbs(rem.v.data(), rem.length, out.n.v.data(), out.k) >= 0) {
+        subtractLimbs(rem, out.n);
+        low |= std::uint64_t{1} << bit;
+      }
+    }
+    for (int i = out.mu.length; i > 0; --i) out.mu.v[i] = out.mu.v[i - 1];
+    out.mu.v[0] = low;
+    ++out.mu.length;
+    trimLimbs(out.mu);
+  }
+  return true;
+}
+
 }  // namespace
 
 // --- divide and mod ------------------------------------------------------------------------
@@ -211,7 +448,7 @@ void BigInt::singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQ
   const std::int32_t length = trimmedLength(rem.data(), bi1.dataLength_);
   const std::uint64_t divisor = bi2.data_[0];
 
-  std::array<std::uint32_t, kBigIntWords> quotientWords;
+  std::array<std::uint32_t, kBigIntWords> quotientWords{};
   std::int32_t count = 0;
   std::int32_t pos = length - 1;
   if (pos >= 0) {
@@ -235,7 +472,8 @@ void BigInt::singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQ
 
 void BigInt::multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
                              BigInt& outRemainder) {
-  const std::int32_t k = boundedLength(bi2.dataLength_);
+  // A divisor whose top word in use is zero cannot be normalised; its zero words do not count.
+  const std::int32_t k = trimmedLength(bi2.data_.data(), bi2.dataLength_);
   if (k < 2) {
     singleByteDivide(bi1, bi2, outQuotient, outRemainder);
     return;
@@ -247,10 +485,10 @@ void BigInt::multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQu
   // top bit is bit 31 of its top word.
   std::array<std::uint32_t, kBigIntWords + 1> buffer{};
   std::copy_n(bi1.data_.begin(), lx, buffer.begin());
-  const std::uint32_t divisorTop = bi2.data_[k - 1];
-  const int shift = divisorTop == 0 ? 0 : std::countl_zero(divisorTop);
+  const int shift = std::countl_zero(bi2.data_[k - 1]);
   shiftLeft(buffer.data(), size, shift);
-  const BigInt divisor = bi2.shiftLeft(shift);
+  BigInt divisor(bi2);
+  divisor.dataLength_ = shiftLeft(divisor.data_.data(), k, shift);
   const std::uint32_t* dv = divisor.data_.data();
   const std::uint64_t d1 = dv[k - 1];
   const std::uint64_t d2 = dv[k - 2];
@@ -261,9 +499,8 @@ void BigInt::multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQu
     const std::uint64_t u = (std::uint64_t{buffer[pos]} << 32) | buffer[pos - 1];
     std::uint64_t qHat = wordQuotient(u, d1);
     std::uint64_t rHat = wordRemainder(u, d1);
-    // The estimate correction. The bound 0x10000000 (2^28) where the textbook has 2^32 is ours
-    // and stays: the multiply-back step below brings q^ down to the quotient word regardless.
-    // Arithmetic wraps modulo 2^64 as it always has.
+    // The estimate correction. Its bound 0x10000000 (2^28, where the textbook has 2^32) is ours
+    // and stays. Arithmetic wraps modulo 2^64 as it always has.
     for (;;) {
       if (qHat == 0x10000000u || qHat * d2 > ((rHat << 32) + buffer[pos - 2])) {
         --qHat;
@@ -273,61 +510,60 @@ void BigInt::multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQu
       break;
     }
 
-    std::uint32_t* part = buffer.data() + (pos - k);  // k + 1 words, least significant first
-    if (k <= kBigIntWords - 2) {
-      // product = divisor * q^ (k + 2 words; q^ may exceed a word), lowered while it exceeds
-      // the part, then subtracted from it in place.
-      std::array<std::uint32_t, kBigIntWords + 2> product;
-      const std::uint64_t qLow = qHat & 0xFFFFFFFFu;
-      const std::uint64_t qHigh = qHat >> 32;
-      std::uint64_t carry = 0;
+    // Multiply back: product = divisor * q^ (k + 2 words, since q^ may still exceed a word),
+    // lowered while it exceeds the part (the k + 1 words buffer[pos - k .. pos]), then
+    // subtracted from the part in place.
+    std::uint32_t* part = buffer.data() + (pos - k);
+    std::array<std::uint32_t, kBigIntWords + 2> product;
+    const std::uint64_t qLow = qHat & 0xFFFFFFFFu;
+    const std::uint64_t qHigh = qHat >> 32;
+    std::uint64_t carry = 0;
+    for (std::int32_t j = 0; j < k; ++j) {
+      const std::uint64_t v = qLow * dv[j] + carry;
+      product[j] = static_cast<std::uint32_t>(v);
+      carry = v >> 32;
+    }
+    product[k] = static_cast<std::uint32_t>(carry);
+    product[k + 1] = 0;
+    if (qHigh != 0) {
+      carry = 0;
       for (std::int32_t j = 0; j < k; ++j) {
-        const std::uint64_t v = qLow * dv[j] + carry;
-        product[j] = static_cast<std::uint32_t>(v);
+        const std::uint64_t v = qHigh * dv[j] + product[j + 1] + carry;
+        product[j + 1] = static_cast<std::uint32_t>(v);
         carry = v >> 32;
       }
-      product[k] = static_cast<std::uint32_t>(carry);
-      product[k + 1] = 0;
-      if (qHigh != 0) {
-        carry = 0;
-        for (std::int32_t j = 0; j < k; ++j) {
-          const std::uint64_t v = qHigh * dv[j] + product[j + 1] + carry;
-          product[j + 1] = static_cast<std::uint32_t>(v);
-          carry = v >> 32;
-        }
-        product[k + 1] = static_cast<std::uint32_t>(carry);
+      product[k + 1] = static_cast<std::uint32_t>(carry);
+    }
+    auto productExceedsPart = [&]() {
+      if (product[k + 1] != 0) return true;
+      for (std::int32_t i = k; i >= 0; --i) {
+        if (product[i] != part[i]) return product[i] > part[i];
       }
-      auto productExceedsPart = [&]() {
-        if (product[k + 1] != 0) return true;
-        for (std::int32_t i = k; i >= 0; --i) {
-          if (product[i] != part[i]) return product[i] > part[i];
-        }
-        return false;
-      };
-      while (productExceedsPart()) {
-        --qHat;
-        subtractInPlace(product.data(), k + 2, dv, k);
+      return false;
+    };
+    while (productExceedsPart()) {
+      --qHat;
+      subtractInPlace(product.data(), k + 2, dv, k);
+    }
+    std::uint64_t borrow = 0;
+    for (std::int32_t i = 0; i <= k; ++i) {
+      const std::uint64_t diff = std::uint64_t{part[i]} - product[i] - borrow;
+      part[i] = static_cast<std::uint32_t>(diff);
+      borrow = diff >> 63;
+    }
+    // A first estimate of exactly 2^28 is lowered by the correction even when it was right; the
+    // part then still holds a whole divisor, which goes back into the quotient word here. With
+    // that the quotient and remainder are exact whatever the estimate did.
+    auto partHoldsDivisor = [&]() {
+      if (part[k] != 0) return true;
+      for (std::int32_t i = k - 1; i >= 0; --i) {
+        if (part[i] != dv[i]) return part[i] > dv[i];
       }
-      std::uint64_t borrow = 0;
-      for (std::int32_t i = 0; i <= k; ++i) {
-        const std::uint64_t diff = std::uint64_t{part[i]} - product[i] - borrow;
-        part[i] = static_cast<std::uint32_t>(diff);
-        borrow = diff >> 63;
-      }
-    } else {
-      // A divisor of 127 or 128 words: the part and the product reach the sign word (or, at 128
-      // words, the part does not fit at all), so they go through the value operations with
-      // their sign rules and exceptions.
-      std::array<std::uint32_t, kBigIntWords + 1> mostSignificantFirst;
-      for (std::int32_t h = 0; h <= k; ++h) mostSignificantFirst[h] = buffer[pos - h];
-      const BigInt partValue = createFromUIntArray(mostSignificantFirst.data(), k + 1);
-      BigInt product = divisor.multiply(createFromULong(qHat));
-      while (product.greaterThan(partValue)) {
-        --qHat;
-        product = product.subtract(divisor);
-      }
-      const BigInt difference = partValue.subtract(product);
-      for (std::int32_t h = 0; h <= k; ++h) buffer[pos - h] = difference.data_[k - h];
+      return true;
+    };
+    while (partHoldsDivisor()) {
+      ++qHat;
+      subtractInPlace(part, k + 1, dv, k);
     }
     quotientWords[count++] = static_cast<std::uint32_t>(qHat);
   }
@@ -359,8 +595,43 @@ BigInt BigInt::modPow(const BigInt& exponent, const BigInt& withMod) const {
   constant.dataLength_ = 2 * k + 1;
   const BigInt mu = constant.divide(n);
 
-  // With a modulus in normal form the running values stay non-negative, and products and
-  // reductions run on words into preallocated values; anything else takes the value operations.
+  // Bits from the lowest up: multiply the result in for every set bit, square t every time.
+  const std::int32_t exponentLength = trimmedLength(exponent.data_.data(), exponent.dataLength_);
+  const std::int32_t totalBits = detail::bitLength(exponent.data_.data(), exponent.dataLength_);
+  const bool negateResult = negative && (exponent.data_[0] & 1u) != 0;
+
+  LimbBarrett limbModulus;
+  if (isBarrettModulus(n) && !detail::isNormalZero(n) && t.lessThan(n) &&
+      limbBarrettOf(n, mu, limbModulus)) {
+    Limbs resultLimbs;
+    resultLimbs.v[0] = 1;
+    resultLimbs.length = 1;
+    Limbs tLimbs = limbsOf(t);
+    Limbs productLimbs;
+    std::int32_t count = 0;
+    for (std::int32_t pos = 0; pos < exponentLength; ++pos) {
+      const std::uint32_t word = exponent.data_[pos];
+      for (int index = 0; index < 32; ++index) {
+        if (((word >> index) & 1u) != 0) {
+          multiplyLimbs(resultLimbs, tLimbs, productLimbs);
+          barrettLimbs(productLimbs, limbModulus, resultLimbs);
+        }
+        squareLimbs(tLimbs, productLimbs);
+        barrettLimbs(productLimbs, limbModulus, tLimbs);
+        if (tLimbs.length == 1 && tLimbs.v[0] == 1) {
+          const BigInt value = bigIntOf(resultLimbs);
+          return negateResult ? value.negate() : value;
+        }
+        if (++count == totalBits) break;
+      }
+    }
+    const BigInt value = bigIntOf(resultLimbs);
+    return negateResult ? value.negate() : value;
+  }
+
+  // Otherwise the steps run word by word: with a modulus in normal form the running values stay
+  // non-negative and products and reductions go into preallocated values; anything else takes
+  // the value operations.
   const bool wordPath = isBarrettModulus(n) && !mu.isNegative();
   BigInt product;
   auto multiplyReduce = [&](const BigInt& a, const BigInt& b, BigInt& target) {
@@ -373,10 +644,6 @@ BigInt BigInt::modPow(const BigInt& exponent, const BigInt& withMod) const {
     }
   };
 
-  // Bits from the lowest up: multiply the result in for every set bit, square t every time.
-  const std::int32_t exponentLength = trimmedLength(exponent.data_.data(), exponent.dataLength_);
-  const std::int32_t totalBits = detail::bitLength(exponent.data_.data(), exponent.dataLength_);
-  const bool negateResult = negative && (exponent.data_[0] & 1u) != 0;
   std::int32_t count = 0;
   for (std::int32_t pos = 0; pos < exponentLength; ++pos) {
     const std::uint32_t word = exponent.data_[pos];
@@ -454,15 +721,18 @@ BigInt BigInt::barrettReduction(const BigInt& x, const BigInt& andN, const BigIn
   }
 
   // Subtracting a zero or negative modulus would never bring r below it; that loop is left out.
-  if (!andN.isNegative()) {
-    for (;;) {
-      const std::int32_t span =
-          std::max(boundedLength(r.dataLength_), boundedLength(andN.dataLength_));
-      bool modulusIsZero = true;
-      for (std::int32_t i = 0; i < span && modulusIsZero; ++i) {
-        modulusIsZero = andN.data_[i] == 0;
+  // After a few rounds the rest of the subtractions is one exact remainder by the words of n in
+  // use, the same result without up to 2^32 rounds (which a wrong constant can call for).
+  BigInt modulus(andN);
+  modulus.dataLength_ = trimmedLength(modulus.data_.data(), modulus.dataLength_);
+  if (!andN.isNegative() && modulus.dataLength_ >= 1 && !detail::isNormalZero(modulus)) {
+    for (int round = 0; r.greaterThanOrEqualTo(andN); ++round) {
+      if (round == 4 && !r.isNegative()) {
+        r.dataLength_ =
+            remainderBitByBit(r.data_.data(), trimmedLength(r.data_.data(), r.dataLength_),
+                              modulus.data_.data(), modulus.dataLength_);
+        break;
       }
-      if (modulusIsZero || !r.greaterThanOrEqualTo(andN)) break;
       r = r.subtract(andN);
     }
   }
@@ -501,9 +771,16 @@ BigInt BigInt::gcd(const BigInt& other) const {
   BigInt x = isNegative() ? negate() : *this;
   BigInt y = other.isNegative() ? other.negate() : other;
   BigInt g = y;
-  // A value without any word in use counts as zero here too (such as the root of 0); taking it
-  // for non-zero would make the loop cycle.
-  while (!(x.dataLength_ < 1 || (x.dataLength_ == 1 && x.data_[0] == 0))) {
+  // Zero is tested by value, not only in normal form: a zero with another dataLength (such as
+  // the root of 0) taken for non-zero would make the loop cycle.
+  auto isZero = [](const BigInt& value) {
+    const std::int32_t length = boundedLength(value.dataLength_);
+    for (std::int32_t i = 0; i < length; ++i) {
+      if (value.data_[i] != 0) return false;
+    }
+    return true;
+  };
+  while (!isZero(x)) {
     g = x;
     x = y.mod(x);
     y = g;
