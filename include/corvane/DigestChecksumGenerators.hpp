@@ -63,10 +63,10 @@ class CORVANE_API CorvaneChecksumGeneratorCRC32 : public CorvaneStreamingChecksu
 // Shared implementation of the three SHA generators (an EVP digest printed as hex).
 class CORVANE_API CorvaneChecksumGeneratorEVPDigest : public CorvaneStreamingChecksumGenerator {
  public:
+  enum class Algorithm { sha1, sha256, sha512 };
   ~CorvaneChecksumGeneratorEVPDigest() override;
 
  protected:
-  enum class Algorithm { sha1, sha256, sha512 };
   explicit CorvaneChecksumGeneratorEVPDigest(Algorithm algorithm);
 
   void absorb(const std::uint8_t* bytes, std::size_t length) override;

@@ -7,7 +7,7 @@
 namespace corvane {
 
 CorvaneChecksumGeneratorMD5::CorvaneChecksumGeneratorMD5()
-    : md5HashObject_(std::make_unique<detail::DigestContext>(EVP_md5())) {
+    : md5HashObject_(std::make_unique<detail::DigestContext>(detail::DigestAlgorithm::md5)) {
   setChecksumType(ChecksumTypeMD5);
 }
 

@@ -7,20 +7,20 @@
 namespace corvane {
 
 namespace {
-const EVP_MD* digestFor(int algorithm) {
+detail::DigestAlgorithm digestFor(CorvaneChecksumGeneratorEVPDigest::Algorithm algorithm) {
   switch (algorithm) {
-    case 0:
-      return EVP_sha1();
-    case 1:
-      return EVP_sha256();
+    case CorvaneChecksumGeneratorEVPDigest::Algorithm::sha1:
+      return detail::DigestAlgorithm::sha1;
+    case CorvaneChecksumGeneratorEVPDigest::Algorithm::sha256:
+      return detail::DigestAlgorithm::sha256;
     default:
-      return EVP_sha512();
+      return detail::DigestAlgorithm::sha512;
   }
 }
 }  // namespace
 
 CorvaneChecksumGeneratorEVPDigest::CorvaneChecksumGeneratorEVPDigest(Algorithm algorithm)
-    : context_(std::make_unique<detail::DigestContext>(digestFor(static_cast<int>(algorithm)))) {}
+    : context_(std::make_unique<detail::DigestContext>(digestFor(algorithm))) {}
 
 CorvaneChecksumGeneratorEVPDigest::~CorvaneChecksumGeneratorEVPDigest() = default;
 

@@ -4,9 +4,34 @@
 
 namespace corvane::detail {
 
-DigestContext::DigestContext(const EVP_MD* md) : context(EVP_MD_CTX_new()) {
+namespace {
+
+// Fetched once and kept for the life of the process: initialising a context with EVP_sha256()
+// and friends would look the implementation up again for every generator.
+const EVP_MD* fetchedDigest(DigestAlgorithm algorithm) {
+  static const EVP_MD* const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
+  static const EVP_MD* const sha1 = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+  static const EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  static const EVP_MD* const sha512 = EVP_MD_fetch(nullptr, "SHA512", nullptr);
+  switch (algorithm) {
+    case DigestAlgorithm::md5:
+      return md5;
+    case DigestAlgorithm::sha1:
+      return sha1;
+    case DigestAlgorithm::sha256:
+      return sha256;
+    case DigestAlgorithm::sha512:
+      return sha512;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+DigestContext::DigestContext(DigestAlgorithm algorithm) : context(EVP_MD_CTX_new()) {
+  const EVP_MD* md = fetchedDigest(algorithm);
   // The digests cannot fail on any input; a failing OpenSSL is a broken installation.
-  if (context == nullptr || EVP_DigestInit_ex(context, md, nullptr) != 1) {
+  if (md == nullptr || context == nullptr || EVP_DigestInit_ex(context, md, nullptr) != 1) {
     fatalError("OpenSSL could not initialise a message digest");
   }
 }

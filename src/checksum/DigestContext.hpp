@@ -10,9 +10,10 @@
 
 namespace corvane::detail {
 
+enum class DigestAlgorithm { md5, sha1, sha256, sha512 };
+
 struct DigestContext {
-  // `md` is one of EVP_md5(), EVP_sha1(), EVP_sha256(), EVP_sha512().
-  explicit DigestContext(const EVP_MD* md);
+  explicit DigestContext(DigestAlgorithm algorithm);
   ~DigestContext();
   DigestContext(const DigestContext&) = delete;
   DigestContext& operator=(const DigestContext&) = delete;

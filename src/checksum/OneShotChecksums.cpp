@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "checksum/BlockingHandOff.hpp"
 #include "checksum/TextUnits.hpp"
 #include "checksumsets/FileChunkReader.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
@@ -15,25 +16,6 @@ namespace {
 constexpr std::int64_t kDefaultFileReadSize = 8388608;
 constexpr std::int64_t kMaximumChunkSize = std::int64_t{1} << 30;
 
-// Finalizes `generator` and waits for its text.
-std::optional<std::string> finalizeAndWait(CorvaneChecksumGenerator& generator,
-                                           dispatch::Group& group) {
-  std::optional<std::string> result;
-  group.enter();
-  generator.finalizeChecksumWithCompletionBlock([&result, &group](const auto& text) {
-    result = text;
-    group.leave();
-  });
-  group.wait(generator.checksummingQueue());
-  return result;
-}
-
-void addAndWait(CorvaneChecksumGenerator& generator, dispatch::Group& group,
-                const SharedBytes& data) {
-  group.enter();
-  generator.addDataToChecksum(data, [&group] { group.leave(); });
-  group.wait(generator.checksummingQueue());
-}
 }  // namespace
 
 std::optional<std::string> CorvaneChecksumGenerator::checksumData(const Bytes* data,
@@ -54,8 +36,8 @@ std::optional<std::string> CorvaneChecksumGenerator::generateDataChecksum(Shared
   auto generator = checksumGeneratorForType(algorithm);
   if (!generator) return std::nullopt;
   dispatch::Group group;
-  addAndWait(*generator, group, data);  // a null buffer calls back at once
-  return finalizeAndWait(*generator, group);
+  detail::addAndWait(*generator, group, data);  // a null buffer calls back at once
+  return detail::finalizeAndWait(*generator, group);
 }
 
 std::optional<std::string> CorvaneChecksumGenerator::generateFileChecksum(const std::string& path,
@@ -78,11 +60,11 @@ std::optional<std::string> CorvaneChecksumGenerator::generateFileChecksum(const 
                    : static_cast<std::size_t>(std::min<std::int64_t>(readSize, kMaximumChunkSize));
   dispatch::Group group;
   // Each chunk is absorbed before the next read, so one chunk is held at a time.
-  while (SharedBytes chunk = reader->readChunk(chunkSize)) addAndWait(*generator, group, chunk);
+  while (SharedBytes chunk = reader->readChunk(chunkSize)) detail::addAndWait(*generator, group, chunk);
   if (reader->failed()) {
     throw Exception("NSFileHandleOperationException", path + ": " + std::strerror(reader->errorNumber()));
   }
-  return finalizeAndWait(*generator, group);
+  return detail::finalizeAndWait(*generator, group);
 }
 
 Bytes CorvaneChecksumGenerator::dataFromHexString(const std::string& hexString) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "checksum/BlockingHandOff.hpp"
 #include "checksumsets/FileChunkReader.hpp"
 #include "corvane/ChecksumLookup.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
@@ -35,33 +36,15 @@ GeneratorTable buildGeneratorTable(const std::vector<ChecksumType>& algorithms) 
   return table;
 }
 
-// Hands `data` to `generator` and blocks until it has been absorbed. The waiting thread runs
-// the generator's queued work itself when no worker holds the queue.
-void feedAndWait(dispatch::Group& group, CorvaneChecksumGenerator& generator,
-                 const SharedBytes& data, const std::function<void()>& onAbsorbed) {
-  group.enter();
-  generator.addDataToChecksum(data, [&group, &onAbsorbed] {
-    if (onAbsorbed) onAbsorbed();
-    group.leave();
-  });
-  group.wait(generator.checksummingQueue());
-}
-
 // Finalizes every generator, one after another, collecting the texts.
 ChecksumLookup finalizeAll(const GeneratorTable& table, dispatch::Group& group) {
   ChecksumLookup results;
   for (const auto& [type, generator] : table) {
-    group.enter();
-    generator->finalizeChecksumWithCompletionBlock(
-        [&results, &group, type = type](const std::optional<std::string>& text) {
-          if (text) {
-            results[type] = *text;
-          } else {
-            results.erase(type);
-          }
-          group.leave();
-        });
-    group.wait(generator->checksummingQueue());
+    if (auto text = detail::finalizeAndWait(*generator, group)) {
+      results[type] = std::move(*text);
+    } else {
+      results.erase(type);  // no text: no entry for this algorithm
+    }
   }
   return results;
 }
@@ -103,7 +86,7 @@ void ChecksumGenerator::generateChecksumForData(
 
   for (const auto& entry : table) {
     if (stop) break;
-    feedAndWait(group, *entry.second, borrowed, [&total, count] { total += double(count); });
+    detail::addAndWait(*entry.second, group, borrowed, [&total, count] { total += double(count); });
     if (count >= 1 && progressBlock) {
       // Cumulative over algorithms: N algorithms report 1.0 ... N.0.
       progressBlock(static_cast<float>(total / double(count)), checkedByteCount(total), &stop);
@@ -134,7 +117,7 @@ void ChecksumGenerator::generateChecksumsForFile(
       keepReading = false;  // end of file, or a read error: keep what was read
       continue;
     }
-    for (const auto& entry : table) feedAndWait(group, *entry.second, chunk, nullptr);
+    for (const auto& entry : table) detail::addAndWait(*entry.second, group, chunk);
     if (fileSize != 0) {
       if (bytesRead > std::numeric_limits<std::uint64_t>::max() - chunk->size()) {
         detail::fatalError("ChecksumGenerator: byte count overflow");

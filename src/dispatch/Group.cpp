@@ -20,13 +20,8 @@ void Group::wait() {
 }
 
 void Group::wait(const std::shared_ptr<SerialQueue>& helpQueue) {
-  if (helpQueue) {
-    {
-      std::lock_guard lock(mutex_);
-      if (count_ == 0) return;
-    }
-    helpQueue->runPendingTasksHere();
-  }
+  // Always offer to drain: tasks handed over under a CallerDrainsScope run only here.
+  if (helpQueue) helpQueue->runPendingTasksHere();
   wait();
 }
 

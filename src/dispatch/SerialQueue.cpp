@@ -21,6 +21,18 @@ void runTaskOrTerminate(const std::function<void()>& task) noexcept {
   }
 }
 
+namespace {
+// The queue whose tasks the current thread has promised to run itself (see CallerDrainsScope).
+thread_local const SerialQueue* queueDrainedByThisThread = nullptr;
+}  // namespace
+
+CallerDrainsScope::CallerDrainsScope(const std::shared_ptr<SerialQueue>& queue) noexcept
+    : previous_(queueDrainedByThisThread) {
+  queueDrainedByThisThread = queue.get();
+}
+
+CallerDrainsScope::~CallerDrainsScope() { queueDrainedByThisThread = previous_; }
+
 std::shared_ptr<SerialQueue> SerialQueue::create(std::string label) {
   return std::shared_ptr<SerialQueue>(new SerialQueue(std::move(label)));
 }
@@ -29,6 +41,7 @@ void SerialQueue::async(Task task) {
   std::unique_lock lock(mutex_);
   tasks_.push_back(std::move(task));
   if (draining_ || jobScheduled_) return;  // whoever holds the queue will get to it
+  if (queueDrainedByThisThread == this) return;  // the caller runs it itself right after
   jobScheduled_ = true;
   lock.unlock();
   WorkerPool::shared().submit([self = shared_from_this()] {

@@ -45,6 +45,21 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   bool jobScheduled_ = false;  // a pool job for this queue was submitted and has not started
 };
 
+// While alive, tasks that this thread adds to `queue` are not handed to the worker pool: the
+// thread promises to run them itself right after (Group::wait(queue) or runPendingTasksHere()).
+// This saves waking a worker for work the caller is about to wait for. Only for a hand-off that
+// cannot block before the drain (one chunk or one finalization at a time).
+class CallerDrainsScope {
+ public:
+  explicit CallerDrainsScope(const std::shared_ptr<SerialQueue>& queue) noexcept;
+  ~CallerDrainsScope();
+  CallerDrainsScope(const CallerDrainsScope&) = delete;
+  CallerDrainsScope& operator=(const CallerDrainsScope&) = delete;
+
+ private:
+  const SerialQueue* previous_;
+};
+
 // Runs `task`, ending the process if it throws (printing name and reason).
 void runTaskOrTerminate(const std::function<void()>& task) noexcept;
 
