@@ -5,6 +5,7 @@
 // independently of the library (support/References.hpp): OpenSSL EVP for MD5 and SHA, the xxHash
 // library's one-call functions, a byte-at-a-time table CRC of our CRC-32 variant, and SHA-512 in
 // base 58 for C4. Fixed known answers name their source where they are used.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
 #include "support/Vectors.hpp"
+#include "support/UnprivilegedUser.hpp"
 
 namespace corvane {
 namespace {
@@ -207,11 +209,23 @@ TEST(OneShotFileChecksum, PathBelowARegularFileGivesNull) {
 }
 
 TEST(OneShotFileChecksum, UnreadableFileGivesNull) {
-  if (::geteuid() == 0) GTEST_SKIP() << "file permissions do not bind the superuser";
   ScratchDirectory directory;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0711), 0);  // others may pass, not list
   const std::string path = directory.writeFile("unreadable", bytesOf("secret"));
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
-  EXPECT_FALSE(Factory::generateFileChecksum(path, ChecksumTypeMD5).has_value());
+  std::optional<std::string> result;
+  {
+    testsupport::EffectiveUserWithoutPrivileges unprivileged;
+    if (!unprivileged.active()) GTEST_SKIP() << "cannot give up root to test permissions";
+    const int probe = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (probe >= 0) {
+      ::close(probe);
+      GTEST_SKIP() << "permissions do not stop this user from opening the file";
+    }
+    result = Factory::generateFileChecksum(path, ChecksumTypeMD5);
+  }
+  EXPECT_FALSE(result.has_value());
+  ::chmod(path.c_str(), 0600);
 }
 
 TEST(OneShotFileChecksum, TypesWithoutAGeneratorGiveNull) {

@@ -32,6 +32,7 @@
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
 #include "support/Vectors.hpp"
+#include "support/UnprivilegedUser.hpp"
 
 namespace corvane {
 namespace {
@@ -535,32 +536,6 @@ TEST(ChecksumGeneratorFile, DirectoryIsRefusedWithoutCallbacks) {
   EXPECT_TRUE(runOnFile(algorithmsWithAGenerator(), directory.path().string()).empty());
 }
 
-// Runs with the effective user "nobody" while alive when the process runs as root, so that file
-// permissions apply; restores the previous effective user at the end.
-class EffectiveUserWithoutPrivileges {
- public:
-  EffectiveUserWithoutPrivileges() : previous_(::geteuid()) {
-    if (previous_ != 0) {
-      active_ = true;  // already unprivileged
-    } else if (::seteuid(65534) == 0) {
-      active_ = true;
-      changed_ = true;
-    }
-  }
-  ~EffectiveUserWithoutPrivileges() {
-    if (changed_ && ::seteuid(previous_) != 0) std::abort();  // the rest of the run needs it
-  }
-  EffectiveUserWithoutPrivileges(const EffectiveUserWithoutPrivileges&) = delete;
-  EffectiveUserWithoutPrivileges& operator=(const EffectiveUserWithoutPrivileges&) = delete;
-
-  bool active() const { return active_; }
-
- private:
-  uid_t previous_;
-  bool active_ = false;
-  bool changed_ = false;
-};
-
 TEST(ChecksumGeneratorFile, UnreadableFileGivesNoCallback) {
   ScratchDirectory directory;
   ASSERT_EQ(::chmod(directory.path().c_str(), 0711), 0);  // others may pass, not list
@@ -569,7 +544,7 @@ TEST(ChecksumGeneratorFile, UnreadableFileGivesNoCallback) {
 
   Recording recording;
   {
-    EffectiveUserWithoutPrivileges unprivileged;
+    testsupport::EffectiveUserWithoutPrivileges unprivileged;
     if (!unprivileged.active()) GTEST_SKIP() << "cannot give up root to test permissions";
     const int probe = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (probe >= 0) {
