@@ -1,6 +1,7 @@
 // corvane-checksum: prints checksums of files computed by libCorvaneSecurity.
 //
 //   corvane-checksum hash [-a ALGO[,ALGO...]] [--json] PATH...
+//   corvane-checksum composite [-a ALGO] [--method text|data] [--scheme flat|tree] [--json] DIR
 //   corvane-checksum            (no arguments: checksums a built-in sample with every algorithm)
 //
 // Exit status: 0 when every file was checksummed, 1 when any file failed (each failure is
@@ -15,6 +16,7 @@
 
 #include "AlgorithmNames.hpp"
 #include "BuiltinSample.hpp"
+#include "CompositeCommand.hpp"
 #include "FileHasher.hpp"
 #include "OutputFormat.hpp"
 #include "corvane/Version.hpp"
@@ -107,6 +109,9 @@ int run(int argc, char** argv) {
       "Output: '<checksum>  <path>' with one algorithm, '<ALGO> (<path>) = <checksum>' with "
       "several.\nExit status: 0 all files checksummed, 1 a file failed, 2 usage error.");
 
+  corvane::tool::CompositeOptions compositeOptions;
+  CLI::App* composite = corvane::tool::addCompositeSubcommand(app, compositeOptions);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -116,6 +121,9 @@ int run(int argc, char** argv) {
     return usageError(error.what());
   }
 
+  if (composite->parsed()) {
+    return corvane::tool::runCompositeCommand(compositeOptions, kProgramName, std::cout, std::cerr);
+  }
   if (!hash->parsed()) {
     return runBuiltinSample();
   }

@@ -55,9 +55,9 @@ class CORVANE_API CompositeChecksumGenerator {
   // in the map's iteration order (no order is promised). `checksumWasGenerated` is called on the
   // calling thread once per entry that produced a composite; entries whose texts cannot be
   // decoded or whose algorithm has no generator are skipped silently.
-  void generate(const std::unordered_map<ChecksumType, std::vector<std::string>>&
-                    orderedChecksumLookup,
-                const ChecksumWasGenerated& checksumWasGenerated) const;
+  void generate(
+      const std::unordered_map<ChecksumType, std::vector<std::string>>& orderedChecksumLookup,
+      const ChecksumWasGenerated& checksumWasGenerated) const;
 
  protected:
   CompositeChecksumGenerator() = default;
@@ -114,8 +114,9 @@ class CORVANE_API Smpte2144Colon2017CompositeChecksumGenerator final
 class CORVANE_API CorvaneStandardCompositeChecksumGenerator final
     : public CompositeChecksumGenerator {
  public:
-  CorvaneStandardCompositeChecksumGenerator(CompositeChecksumMethod method, bool removeDuplicates,
-                                            CompositeChecksumLexicalOrdering lexicalOrdering) noexcept
+  CorvaneStandardCompositeChecksumGenerator(
+      CompositeChecksumMethod method, bool removeDuplicates,
+      CompositeChecksumLexicalOrdering lexicalOrdering) noexcept
       : lexicalOrdering_(lexicalOrdering), method_(method), removeDuplicates_(removeDuplicates) {}
 
   CompositeChecksumMethod method() const override { return method_; }

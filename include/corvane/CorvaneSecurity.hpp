@@ -7,6 +7,8 @@
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/ChecksumLookup.hpp"
 #include "corvane/ChecksumType.hpp"
+#include "corvane/CompositeChecksumGenerator.hpp"
+#include "corvane/CompositeChecksumMethod.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/CorvaneLog.hpp"
 #include "corvane/DigestChecksumGenerators.hpp"
