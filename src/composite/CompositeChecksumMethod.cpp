@@ -1,5 +1,6 @@
 #include "corvane/CompositeChecksumMethod.hpp"
 
+#include "checksum/HexDecoding.hpp"
 #include "corvane/C4Identifier.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 
@@ -22,6 +23,7 @@ std::optional<Bytes> CompositeChecksumMethod::data(const std::vector<std::string
   }
 
   const bool useC4Decoder = algorithm.has_value() && *algorithm == ChecksumTypeC4;
+  if (!useC4Decoder && !fromList.empty()) bytes.reserve(fromList.size() * fromList[0].size() / 2);
   for (const auto& checksum : fromList) {
     if (useC4Decoder) {
       // The C4 decoder is asked for big-endian storage, the hexadecimal one below for
@@ -33,8 +35,9 @@ std::optional<Bytes> CompositeChecksumMethod::data(const std::vector<std::string
       }
       bytes.insert(bytes.end(), decoded->begin(), decoded->end());
     } else {
-      const Bytes decoded = CorvaneChecksumGenerator::dataFromHexString(checksum, !bigEndian_);
-      bytes.insert(bytes.end(), decoded.begin(), decoded.end());
+      // As CorvaneChecksumGenerator::dataFromHexString(checksum, !bigEndian) decodes it,
+      // appended in place.
+      detail::appendBytesFromHexText(checksum, !bigEndian_, bytes);
     }
   }
   return bytes;
