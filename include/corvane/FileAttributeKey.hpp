@@ -107,7 +107,8 @@ CORVANE_API const FileAttributeKey& fileAttributeKey(ChecksumType type);
 
 // The algorithm whose key equals `key` (the ten flags are tried in ascending order), or nothing.
 // Never fails.
-CORVANE_API std::optional<ChecksumType> checksumTypeForFileAttributeKey(const FileAttributeKey& key);
+CORVANE_API std::optional<ChecksumType> checksumTypeForFileAttributeKey(
+    const FileAttributeKey& key);
 
 // The ten checksum keys in ascending flag order: MD5's key first, XXH3 128-bit's key last.
 CORVANE_API const std::vector<FileAttributeKey>& allFileAttributesKeys();

@@ -78,7 +78,7 @@ CORVANE_API void removeAllChecksumKeys(std::vector<FileAttributeKey>& keys);
 
 // The distinct elements of `keys` that are not in `removing`, in no defined order (duplicates
 // collapse).
-CORVANE_API std::vector<FileAttributeKey> subtracting(const std::vector<FileAttributeKey>& keys,
-                                                      const std::vector<FileAttributeKey>& removing);
+CORVANE_API std::vector<FileAttributeKey> subtracting(
+    const std::vector<FileAttributeKey>& keys, const std::vector<FileAttributeKey>& removing);
 
 }  // namespace corvane

@@ -55,8 +55,8 @@ const FileAttributeKey& fileAttributeKey(ChecksumType type) {
   for (std::size_t i = 0; i < checksumKeys().size(); ++i) {
     if (raw == (std::uint64_t{1} << i)) return checksumKeys()[i];
   }
-  detail::fatalInvalidValue("ChecksumType", "unexpected enumeration value has no file-attribute key",
-                            raw);
+  detail::fatalInvalidValue("ChecksumType",
+                            "unexpected enumeration value has no file-attribute key", raw);
 }
 
 std::optional<ChecksumType> checksumTypeForFileAttributeKey(const FileAttributeKey& key) {
@@ -120,9 +120,9 @@ void to_json(nlohmann::json& json, const FileAttributeKey& key) { json = key.tex
 
 void from_json(const nlohmann::json& json, FileAttributeKey& key) {
   if (!json.is_string()) {
-    throw DecodingError(DecodingError::Kind::typeMismatch, "",
-                        "FileAttributeKey: expected a string, found " +
-                            std::string(json.type_name()));
+    throw DecodingError(
+        DecodingError::Kind::typeMismatch, "",
+        "FileAttributeKey: expected a string, found " + std::string(json.type_name()));
   }
   key = FileAttributeKey(json.get<std::string>());
 }

@@ -50,7 +50,8 @@ std::optional<std::vector<std::uint64_t>> decodeNumberList(const nlohmann::json&
 
 }  // namespace
 
-IOValidationAttributes::IOValidationAttributes() : mutex_(dispatch::SerialQueue::create(kQueueLabel)) {}
+IOValidationAttributes::IOValidationAttributes()
+    : mutex_(dispatch::SerialQueue::create(kQueueLabel)) {}
 
 IOValidationAttributes::~IOValidationAttributes() = default;
 
@@ -89,9 +90,9 @@ std::shared_ptr<IOValidationAttributes> IOValidationAttributes::create(
 std::shared_ptr<IOValidationAttributes> IOValidationAttributes::fromJSON(
     const nlohmann::json& json) {
   if (!json.is_object()) {
-    throw DecodingError(DecodingError::Kind::typeMismatch, "",
-                        "IOValidationAttributes: expected an object, found " +
-                            std::string(json.type_name()));
+    throw DecodingError(
+        DecodingError::Kind::typeMismatch, "",
+        "IOValidationAttributes: expected an object, found " + std::string(json.type_name()));
   }
   std::shared_ptr<IOValidationAttributes> record(new IOValidationAttributes());
   FileAttributeKeySet set;
@@ -103,10 +104,10 @@ std::shared_ptr<IOValidationAttributes> IOValidationAttributes::fromJSON(
 
   if (const auto found = json.find(kChecksumAttributesKey); found != json.end()) {
     if (const auto numbers = decodeNumberList(*found)) {
-      const std::vector<ChecksumType> algorithms = checksumAlgorithms(*numbers);
-      if (!algorithms.empty()) {
-        const std::vector<FileAttributeKey> keys = fileAttributeKeys(algorithms);
-        set.insert(keys.begin(), keys.end());
+      // A number that is not one of the ten algorithm flags is a malformed entry of a document
+      // from outside: it is skipped like any other malformed entry, never fatal.
+      for (ChecksumType algorithm : checksumAlgorithms(*numbers)) {
+        if (algorithm.isKnownAlgorithm()) set.insert(fileAttributeKey(algorithm));
       }
     }
   }
