@@ -5,6 +5,7 @@
 #include <string>
 
 #include "bigint/BigIntWords.hpp"
+#include "checksum/TextUnits.hpp"
 #include "corvane/BigInt.hpp"
 #include "corvane/Exception.hpp"
 
@@ -53,47 +54,15 @@ std::int64_t digitValue(char32_t c) {
 std::u32string upperCasedCharacters(const std::string& text) {
   std::u32string out;
   out.reserve(text.size());
-  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-  const std::size_t size = text.size();
-  std::size_t i = 0;
-  while (i < size) {
-    const unsigned char lead = bytes[i];
-    if (lead < 0x80) {
-      out.push_back(lead >= 'a' && lead <= 'z' ? char32_t(lead - 'a' + 'A') : char32_t(lead));
-      ++i;
-      continue;
-    }
-    int extra = 0;
-    char32_t cp = 0;
-    if ((lead & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = lead & 0x07;
-    } else {
-      out.push_back(0xFFFD);
-      ++i;
-      continue;
-    }
-    bool wellFormed = i + static_cast<std::size_t>(extra) < size;
-    for (int k = 1; wellFormed && k <= extra; ++k) {
-      const unsigned char next = bytes[i + k];
-      if ((next & 0xC0) != 0x80) {
-        wellFormed = false;
-      } else {
-        cp = (cp << 6) | (next & 0x3F);
-      }
-    }
+  detail::forEachCodePoint(text, [&out](char32_t cp, bool wellFormed) {
     if (!wellFormed) {
       out.push_back(0xFFFD);
-      ++i;
-      continue;
+      return;
     }
-    i += static_cast<std::size_t>(extra) + 1;
+    if (cp < 0x80) {
+      out.push_back(cp >= U'a' && cp <= U'z' ? char32_t(cp - U'a' + U'A') : cp);
+      return;
+    }
     switch (cp) {
       case 0x0131:  // dotless i
         out += U"I";
@@ -128,7 +97,7 @@ std::u32string upperCasedCharacters(const std::string& text) {
         if (cp >= 0x10000) out.push_back(cp);
         break;
     }
-  }
+  });
   return out;
 }
 
