@@ -5,9 +5,10 @@
 // 1. Loads FILE into memory as chunks of the library's read size (8 MiB).
 // 2. For each of MD5, SHA-1, SHA-256 and CRC-32 alone: one streaming generator fed the in-memory
 //    chunks with the pattern the file form uses (Group enter, addDataToChecksum, wait(queue)),
-//    then finalized. Best of REPEATS (default 3).
-// 3. ChecksumGenerator({MD5, SHA1, SHA256, CRC32}).generateChecksumsForFile(FILE): best of
-//    REPEATS. The file should be in the page cache (read it once before).
+//    then finalized.
+// 3. ChecksumGenerator({MD5, SHA1, SHA256, CRC32}).generateChecksumsForFile(FILE). The file
+//    should be in the page cache (read it once before).
+//    Steps 2 and 3 alternate REPEATS times (default 3); the best time of each is kept.
 // 4. Checks that both ways give the same four checksums and prints, one "key value" per line:
 //    the single times, their sum, the multi-algorithm file time and ratio = file / sum, each in
 //    wall-clock seconds and in process CPU seconds (all threads, user and system: the CPU clock
@@ -157,24 +158,30 @@ int main(int argc, char** argv) {
   std::printf("file_bytes %llu\n", static_cast<unsigned long long>(fileBytes));
   std::printf("repeats %d\n", repeats);
 
+  // The rounds interleave the in-memory runs and the file runs, so that a burst of other work on
+  // the machine does not fall on one side only.
   std::map<std::uint64_t, std::string> memoryResults;
+  std::map<std::uint64_t, std::string> fileResults;
+  std::vector<Seconds> single(std::size(kAlgorithms), kNoRunYet);
+  Seconds bestFile = kNoRunYet;
+  for (int round = 0; round < repeats; ++round) {
+    for (std::size_t a = 0; a < std::size(kAlgorithms); ++a) {
+      std::optional<std::string> text;
+      keepBest(single[a], timeInMemory(kAlgorithms[a].type, *chunks, text));
+      if (text) memoryResults[kAlgorithms[a].type.rawValue()] = *text;
+    }
+    keepBest(bestFile, timeFile(path, fileResults));
+  }
   Seconds sum;
-  for (const auto& algorithm : kAlgorithms) {
-    Seconds best = kNoRunYet;
-    std::optional<std::string> text;
-    for (int i = 0; i < repeats; ++i) keepBest(best, timeInMemory(algorithm.type, *chunks, text));
-    if (text) memoryResults[algorithm.type.rawValue()] = *text;
-    std::printf("single_seconds_%s %.6f\n", algorithm.name, best.wall);
-    std::printf("single_cpu_seconds_%s %.6f\n", algorithm.name, best.cpu);
-    sum.wall += best.wall;
-    sum.cpu += best.cpu;
+  for (std::size_t a = 0; a < std::size(kAlgorithms); ++a) {
+    std::printf("single_seconds_%s %.6f\n", kAlgorithms[a].name, single[a].wall);
+    std::printf("single_cpu_seconds_%s %.6f\n", kAlgorithms[a].name, single[a].cpu);
+    sum.wall += single[a].wall;
+    sum.cpu += single[a].cpu;
   }
   std::printf("single_seconds_sum %.6f\n", sum.wall);
   std::printf("single_cpu_seconds_sum %.6f\n", sum.cpu);
 
-  std::map<std::uint64_t, std::string> fileResults;
-  Seconds bestFile = kNoRunYet;
-  for (int i = 0; i < repeats; ++i) keepBest(bestFile, timeFile(path, fileResults));
   std::printf("multi_file_seconds %.6f\n", bestFile.wall);
   std::printf("multi_file_cpu_seconds %.6f\n", bestFile.cpu);
   std::printf("ratio %.4f\n", bestFile.wall / sum.wall);
