@@ -137,6 +137,56 @@ class CORVANE_API BigInt {
   // True when bit 31 of word 127 is set.
   bool isNegative() const noexcept { return (data_[maxLength - 1] & 0x80000000u) != 0; }
 
+  // --- primality and random numbers -------------------------------------------------------------
+  // Random words come from a cryptographic uniform 32-bit source r, always read through the
+  // mapping u = ((r + 1) mod 2^32) / 1e10, a double in [0, ~0.4295). This bound is part of the
+  // design: random words never have bit 31 set and witness sizes stay below ~0.43 of the
+  // candidate's bit length. The source is thread-safe; the operations below that mutate their
+  // receiver (getRandomBits) must not race with other users of that value.
+
+  // The 303 primes below 2000 in ascending order (2, 3, 5, ..., 1999).
+  static const std::array<std::uint32_t, 303>& primesBelow2000() noexcept;
+
+  // getRandomBits: — fills the receiver in place with a value of exactly `bits` bits (top bit
+  // set); lower words are random per the mapping above, words above are cleared. 0 gives zero;
+  // negative counts are outside the contract. Throws "ArithmeticException" / "Number of required
+  // bits > maxLength." for more than 4096 bits.
+  void getRandomBits(std::int32_t bits);
+
+  // isProbablePrimeWithConfidence: — tests |receiver| by trial division with primesBelow2000
+  // (stopping at the first prime >= the candidate), then rabinMillerTestWithConfidence.
+  // WARNING: a candidate of 4 bits or fewer that reaches the random witness loop (5, 7, 11, 13)
+  // never returns, because the witness bit count trunc(u * bits) cannot reach 2. This is a
+  // consequence of the random mapping and is kept as designed.
+  bool isProbablePrimeWithConfidence(std::int32_t confidence) const;
+  // Deterministic: small cases, trial division, a base-2 strong probable-prime test, then
+  // lucasStrongTest. Candidates up to 63 words (the modPow limit).
+  // Note: the Lucas steps double with shiftLeft(1), which never adds a word, so a value whose
+  // top word in use has bit 31 set loses that bit. By design this is kept; for such primes
+  // (often those whose top word is full, and some one-word primes above 2^29) both
+  // lucasStrongTest and isProbablePrime answer false.
+  bool isProbablePrime() const;
+  // rabinMillerTestWithConfidence: — `confidence` rounds with random witnesses on |receiver|;
+  // fewer than 1 round answers true after the small cases (0, 1 false; 2, 3 true; even false).
+  // Same non-termination as above for odd one-word values 5 to 15.
+  bool rabinMillerTestWithConfidence(std::int32_t confidence) const;
+  // generatePseudoPrimeWithBits:andConfidence: — draws random odd values of exactly `bits` bits
+  // until one passes isProbablePrimeWithConfidence. No limit on attempts; use at least 5 bits.
+  static BigInt generatePseudoPrimeWithBits(std::int32_t bits, std::int32_t andConfidence);
+  // jacobi:andB: — the Jacobi symbol (a / b): -1, 0 or 1. Throws "ArgumentException" /
+  // "Jacobi defined only for odd integers." when b is even.
+  static std::int32_t jacobi(const BigInt& a, const BigInt& andB);
+  // lucasStrongTest: — strong Lucas probable-prime test of |candidate| with Selfridge's
+  // parameters (D = 5, -7, 9, ...; P = 1, Q = (1 - D) / 4).
+  static bool lucasStrongTest(const BigInt& candidate);
+  // lucasSequence:andQ:andk:andn:andConstant:ands: — (U_k, V_k, Q^k) modulo n, each further
+  // doubled `ands` times, with andConstant the Barrett constant of n. Reductions use mod(), so
+  // intermediate values keep the sign of their dividend. Throws "ArgumentException" /
+  // "Argument k must be odd." for an even k.
+  static std::array<BigInt, 3> lucasSequence(const BigInt& p, const BigInt& andQ,
+                                             const BigInt& andk, const BigInt& andn,
+                                             const BigInt& andConstant, std::int32_t ands);
+
  private:
   // Every constructor writes all 128 words itself.
   std::array<std::uint32_t, maxLength> data_;
