@@ -12,6 +12,7 @@
 
 #include <corvane/BigInt.hpp>
 #include <corvane/C4Identifier.hpp>
+#include <corvane/UnboundUInt.hpp>
 #include <corvane/CorvaneChecksumGenerator.hpp>
 #include <cstdint>
 #include <memory>
@@ -129,6 +130,69 @@ void BM_ConvertC4ChecksumToData(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_ConvertC4ChecksumToData);
+
+// A fixed prime of `bits` bits (the next prime after a seeded random value, found with GMP).
+BigInt primeOfBits(int bits) {
+  gmp_randstate_t state;
+  gmp_randinit_default(state);
+  gmp_randseed_ui(state, static_cast<unsigned long>(bits));
+  GmpValue candidate;
+  do {
+    mpz_urandomb(candidate.value, state, static_cast<mp_bitcnt_t>(bits));
+    mpz_setbit(candidate.value, static_cast<mp_bitcnt_t>(bits - 1));
+    mpz_nextprime(candidate.value, candidate.value);
+  } while (mpz_sizeinbase(candidate.value, 2) != static_cast<std::size_t>(bits));
+  gmp_randclear(state);
+  std::vector<std::uint32_t> words((static_cast<std::size_t>(bits) + 31) / 32);
+  std::size_t count = 0;
+  mpz_export(words.data(), &count, 1, sizeof(std::uint32_t), 0, 0, candidate.value);
+  return BigInt::createFromUIntArray(words.data(), static_cast<std::int32_t>(count));
+}
+
+// isProbablePrime at 1024 bits and at 2016 bits (2048-bit candidates exceed modPow's modulus
+// limit of 63 words).
+void BM_BigInt_IsProbablePrime(benchmark::State& state) {
+  const BigInt prime = primeOfBits(static_cast<int>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(prime.isProbablePrime());
+}
+BENCHMARK(BM_BigInt_IsProbablePrime)->Arg(1024)->Arg(2016)->Unit(benchmark::kMillisecond);
+
+void BM_Gmp_ProbabPrime(benchmark::State& state) {
+  GmpValue prime(primeOfBits(static_cast<int>(state.range(0))));
+  for (auto _ : state) benchmark::DoNotOptimize(mpz_probab_prime_p(prime.value, 25));
+}
+BENCHMARK(BM_Gmp_ProbabPrime)->Arg(1024)->Arg(2016)->Unit(benchmark::kMillisecond);
+
+void BM_BigInt_GeneratePseudoPrime512(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(BigInt::generatePseudoPrimeWithBits(512, 5));
+}
+BENCHMARK(BM_BigInt_GeneratePseudoPrime512)->Unit(benchmark::kMillisecond);
+
+void BM_Gmp_NextPrime512(benchmark::State& state) {
+  gmp_randstate_t random;
+  gmp_randinit_default(random);
+  GmpValue candidate;
+  for (auto _ : state) {
+    mpz_urandomb(candidate.value, random, 512);
+    mpz_setbit(candidate.value, 511);
+    mpz_nextprime(candidate.value, candidate.value);
+    benchmark::ClobberMemory();
+  }
+  gmp_randclear(random);
+}
+BENCHMARK(BM_Gmp_NextPrime512)->Unit(benchmark::kMillisecond);
+
+// UnboundUInt division of two 1000-bit values (given as hex texts of 250 digits).
+void BM_UnboundUInt_Divide1000Bits(benchmark::State& state) {
+  std::mt19937 random(4);
+  std::string dividend = "c", divisor = "8";  // dividend > divisor: a real division
+  const char* digits = "0123456789abcdef";
+  while (dividend.size() < 250) dividend += digits[random() % 16];
+  while (divisor.size() < 250) divisor += digits[random() % 16];
+  const corvane::UnboundUInt a(dividend), b(divisor);
+  for (auto _ : state) benchmark::DoNotOptimize(a.divide(b));
+}
+BENCHMARK(BM_UnboundUInt_Divide1000Bits);
 
 }  // namespace
 

@@ -21,6 +21,7 @@
 #include "corvane/IOValidationAttributes.hpp"
 #include "corvane/ProtobufChecksums.hpp"
 #include "corvane/SecurityFormat.hpp"
+#include "corvane/UnboundUInt.hpp"
 #include "corvane/Version.hpp"
 #include "corvane/XXHashChecksumGenerators.hpp"
 #include "corvane/XXHashImplementation.hpp"
