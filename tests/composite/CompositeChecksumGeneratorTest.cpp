@@ -1,7 +1,8 @@
 // The composite generators: the flat scheme over lists and lookups, and the pairwise scheme.
 // Expected values are computed here without the library: digests with OpenSSL's EVP_Digest,
 // C4 IDs with the base-58 reference of support/References.hpp, hexadecimal and base-58 texts
-// decoded by hand, and the pairwise levels rebuilt by a reference loop of this file.
+// decoded by hand (also support/References.hpp), and the pairwise levels rebuilt by a reference
+// loop of this file.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
@@ -15,6 +16,7 @@
 
 #include "corvane/CompositeChecksumGenerator.hpp"
 #include "corvane/CorvaneLog.hpp"
+#include "support/CapturedLog.hpp"
 #include "support/References.hpp"
 #include "support/Vectors.hpp"
 
@@ -22,84 +24,17 @@ namespace corvane {
 namespace {
 
 using testsupport::bytesOf;
-
-// Captures the lines sent to the default logger while alive.
-class CapturedLog {
- public:
-  CapturedLog() {
-    CorvaneLog::defaultLogger().setSink(
-        [this](LogLevel, const std::string& text) { lines.push_back(text); });
-  }
-  ~CapturedLog() { CorvaneLog::defaultLogger().setSink(nullptr); }
-  std::vector<std::string> lines;
-};
+using testsupport::c4BytesByHand;
+using testsupport::CapturedLog;
+using testsupport::hexBytesByHand;
 
 // ----- independent references --------------------------------------------------------------
 
-std::string hexOf(const Bytes& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0x0f];
-  }
-  return text;
+std::string md5Of(const Bytes& bytes) {
+  return testsupport::hexEncode(testsupport::evpDigest(EVP_md5(), bytes));
 }
-
-std::string md5Of(const Bytes& bytes) { return hexOf(testsupport::evpDigest(EVP_md5(), bytes)); }
 std::string sha256Of(const Bytes& bytes) {
-  return hexOf(testsupport::evpDigest(EVP_sha256(), bytes));
-}
-
-int hexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return c - 'A' + 10;
-}
-
-// An even-length hex text as bytes: in text order (bigEndian) or last pair first.
-Bytes hexBytesByHand(const std::string& hex, bool bigEndian) {
-  Bytes bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(
-        static_cast<std::uint8_t>(hexDigitValue(hex[i]) * 16 + hexDigitValue(hex[i + 1])));
-  }
-  if (!bigEndian) {
-    std::reverse(bytes.begin(), bytes.end());
-  }
-  return bytes;
-}
-
-// The number a C4 ID spells, as 32-bit words most significant first (leading zero words
-// dropped), each word big-endian (bigEndian) or little-endian.
-Bytes c4BytesByHand(const std::string& c4, bool bigEndian) {
-  const std::string alphabet = testsupport::kC4ReferenceAlphabet;
-  Bytes number;
-  for (std::size_t i = 2; i < c4.size(); ++i) {
-    unsigned carry = static_cast<unsigned>(alphabet.find(c4[i]));
-    for (auto it = number.rbegin(); it != number.rend(); ++it) {
-      const unsigned value = *it * 58u + carry;
-      *it = static_cast<std::uint8_t>(value & 0xff);
-      carry = value >> 8;
-    }
-    while (carry != 0) {
-      number.insert(number.begin(), static_cast<std::uint8_t>(carry & 0xff));
-      carry >>= 8;
-    }
-  }
-  while (!number.empty() && number.front() == 0) {
-    number.erase(number.begin());
-  }
-  while (number.empty() || number.size() % 4 != 0) {
-    number.insert(number.begin(), 0);
-  }
-  if (!bigEndian) {
-    for (std::size_t word = 0; word < number.size(); word += 4) {
-      std::reverse(number.begin() + static_cast<std::ptrdiff_t>(word),
-                   number.begin() + static_cast<std::ptrdiff_t>(word + 4));
-    }
-  }
-  return number;
+  return testsupport::hexEncode(testsupport::evpDigest(EVP_sha256(), bytes));
 }
 
 // One way of turning checksum texts into bytes and hashing them, written without the library.

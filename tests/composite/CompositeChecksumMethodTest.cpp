@@ -1,6 +1,6 @@
 // CompositeChecksumMethod, CompositeChecksumSorter and the two small enumerations. Expected bytes
-// are worked out in this file by hand: hexadecimal pairs read digit by digit, C4 IDs read as
-// base-58 numbers with the alphabet of support/References.hpp.
+// are worked out by hand with the decoders of support/References.hpp: hexadecimal pairs read
+// digit by digit, C4 IDs read as base-58 numbers with its alphabet.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +12,7 @@
 #include "corvane/CompositeChecksumMethod.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/CorvaneLog.hpp"
+#include "support/CapturedLog.hpp"
 #include "support/References.hpp"
 #include "support/Vectors.hpp"
 
@@ -19,68 +20,6 @@ namespace corvane {
 namespace {
 
 using testsupport::bytesOf;
-
-// Captures the lines sent to the default logger while alive.
-class CapturedLog {
- public:
-  CapturedLog() {
-    CorvaneLog::defaultLogger().setSink(
-        [this](LogLevel, const std::string& text) { lines.push_back(text); });
-  }
-  ~CapturedLog() { CorvaneLog::defaultLogger().setSink(nullptr); }
-  std::vector<std::string> lines;
-};
-
-int hexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return c - 'A' + 10;
-}
-
-// An even-length hex text as bytes: in text order (bigEndian) or last pair first.
-Bytes hexBytesByHand(const std::string& hex, bool bigEndian) {
-  Bytes bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(
-        static_cast<std::uint8_t>(hexDigitValue(hex[i]) * 16 + hexDigitValue(hex[i + 1])));
-  }
-  if (!bigEndian) {
-    std::reverse(bytes.begin(), bytes.end());
-  }
-  return bytes;
-}
-
-// The number a C4 ID spells, as 32-bit words most significant first (leading zero words
-// dropped): each word big-endian (bigEndian) or little-endian.
-Bytes c4BytesByHand(const std::string& c4, bool bigEndian) {
-  const std::string alphabet = testsupport::kC4ReferenceAlphabet;
-  Bytes number;  // big-endian, grows at the front
-  for (std::size_t i = 2; i < c4.size(); ++i) {
-    unsigned carry = static_cast<unsigned>(alphabet.find(c4[i]));
-    for (auto it = number.rbegin(); it != number.rend(); ++it) {
-      const unsigned value = *it * 58u + carry;
-      *it = static_cast<std::uint8_t>(value & 0xff);
-      carry = value >> 8;
-    }
-    while (carry != 0) {
-      number.insert(number.begin(), static_cast<std::uint8_t>(carry & 0xff));
-      carry >>= 8;
-    }
-  }
-  while (!number.empty() && number.front() == 0) {
-    number.erase(number.begin());
-  }
-  while (number.empty() || number.size() % 4 != 0) {
-    number.insert(number.begin(), 0);
-  }
-  if (!bigEndian) {
-    for (std::size_t word = 0; word < number.size(); word += 4) {
-      std::reverse(number.begin() + static_cast<std::ptrdiff_t>(word),
-                   number.begin() + static_cast<std::ptrdiff_t>(word + 4));
-    }
-  }
-  return number;
-}
 
 Bytes joined(const Bytes& a, const Bytes& b) {
   Bytes result = a;
@@ -141,7 +80,8 @@ TEST(CompositeChecksumMethod, DataBigEndianOverTwoMd5TextsGivesTheirThirtyTwoByt
       CompositeChecksumMethod::checksumsAsData(true).data({kMd5OfA, kMd5OfAbc}, ChecksumTypeMD5);
   ASSERT_TRUE(bytes.has_value());
   ASSERT_EQ(bytes->size(), 32u);
-  EXPECT_EQ(*bytes, joined(hexBytesByHand(kMd5OfA, true), hexBytesByHand(kMd5OfAbc, true)));
+  EXPECT_EQ(*bytes, joined(testsupport::hexBytesByHand(kMd5OfA, true),
+                           testsupport::hexBytesByHand(kMd5OfAbc, true)));
   EXPECT_EQ((*bytes)[0], 0x0c);
   EXPECT_EQ((*bytes)[16], 0x90);
 }
@@ -150,7 +90,8 @@ TEST(CompositeChecksumMethod, DataLittleEndianReversesEachChecksumButKeepsListOr
   const std::optional<Bytes> bytes =
       CompositeChecksumMethod::checksumsAsData(false).data({kMd5OfA, kMd5OfAbc}, ChecksumTypeMD5);
   ASSERT_TRUE(bytes.has_value());
-  EXPECT_EQ(*bytes, joined(hexBytesByHand(kMd5OfA, false), hexBytesByHand(kMd5OfAbc, false)));
+  EXPECT_EQ(*bytes, joined(testsupport::hexBytesByHand(kMd5OfA, false),
+                           testsupport::hexBytesByHand(kMd5OfAbc, false)));
   EXPECT_EQ((*bytes)[0], 0x61);
   EXPECT_EQ((*bytes)[16], 0x72);
 }
@@ -169,7 +110,8 @@ TEST(CompositeChecksumMethod, C4AlgorithmSendsEveryTextThroughTheC4Decoder) {
     const std::optional<Bytes> bytes =
         CompositeChecksumMethod::checksumsAsData(bigEndian).data({first, second}, ChecksumTypeC4);
     ASSERT_TRUE(bytes.has_value());
-    EXPECT_EQ(*bytes, joined(c4BytesByHand(first, bigEndian), c4BytesByHand(second, bigEndian)));
+    EXPECT_EQ(*bytes, joined(testsupport::c4BytesByHand(first, bigEndian),
+                             testsupport::c4BytesByHand(second, bigEndian)));
   }
   // With big-endian words the bytes are the SHA-512 digests themselves (unless a digest starts
   // with a zero word, which these do not).
@@ -185,7 +127,7 @@ TEST(CompositeChecksumMethod, AbsentAlgorithmSendsEvenC4TextThroughTheHexDecoder
     ASSERT_TRUE(bytes.has_value());
     EXPECT_EQ(bytes->size(), 45u);  // 90 characters, two per byte
     EXPECT_EQ(*bytes, CorvaneChecksumGenerator::dataFromHexString(c4, !bigEndian));
-    EXPECT_NE(*bytes, c4BytesByHand(c4, bigEndian));
+    EXPECT_NE(*bytes, testsupport::c4BytesByHand(c4, bigEndian));
     // Any algorithm but C4 decodes as hex too.
     EXPECT_EQ(method.data({c4}, ChecksumTypeSHA512), bytes);
   }
@@ -196,7 +138,7 @@ TEST(CompositeChecksumMethod, OneUndecodableTextMakesTheWholeResultAbsent) {
   std::string badCharacter = good;
   badCharacter[40] = '0';  // not in the base-58 alphabet
   const std::string badLength = good.substr(0, 89);
-  CapturedLog log;
+  testsupport::CapturedLog log;
   for (const bool bigEndian : {true, false}) {
     const auto method = CompositeChecksumMethod::checksumsAsData(bigEndian);
     EXPECT_EQ(method.data({badCharacter, good}, ChecksumTypeC4), std::nullopt);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <xxhash.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "support/Vectors.hpp"
@@ -15,6 +16,12 @@ std::string hex64(std::uint64_t value) {
   char text[32];
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
   return text;
+}
+
+int hexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c - 'A' + 10;
 }
 
 }  // namespace
@@ -107,6 +114,48 @@ std::string referenceChecksum(ChecksumType type, const Bytes& data) {
   if (type == ChecksumTypeXXHashH3128) return xxHash3_128Reference(data);
   ADD_FAILURE() << "no reference for " << describeType(type);
   return {};
+}
+
+Bytes hexBytesByHand(const std::string& hex, bool bigEndian) {
+  Bytes bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(
+        static_cast<std::uint8_t>(hexDigitValue(hex[i]) * 16 + hexDigitValue(hex[i + 1])));
+  }
+  if (!bigEndian) {
+    std::reverse(bytes.begin(), bytes.end());
+  }
+  return bytes;
+}
+
+Bytes c4BytesByHand(const std::string& c4, bool bigEndian) {
+  const std::string alphabet = kC4ReferenceAlphabet;
+  Bytes number;  // big-endian, grows at the front
+  for (std::size_t i = 2; i < c4.size(); ++i) {
+    unsigned carry = static_cast<unsigned>(alphabet.find(c4[i]));
+    for (auto it = number.rbegin(); it != number.rend(); ++it) {
+      const unsigned value = *it * 58u + carry;
+      *it = static_cast<std::uint8_t>(value & 0xff);
+      carry = value >> 8;
+    }
+    while (carry != 0) {
+      number.insert(number.begin(), static_cast<std::uint8_t>(carry & 0xff));
+      carry >>= 8;
+    }
+  }
+  while (!number.empty() && number.front() == 0) {
+    number.erase(number.begin());
+  }
+  while (number.empty() || number.size() % 4 != 0) {
+    number.insert(number.begin(), 0);
+  }
+  if (!bigEndian) {
+    for (std::size_t word = 0; word < number.size(); word += 4) {
+      std::reverse(number.begin() + static_cast<std::ptrdiff_t>(word),
+                   number.begin() + static_cast<std::ptrdiff_t>(word + 4));
+    }
+  }
+  return number;
 }
 
 }  // namespace corvane::testsupport

@@ -3,7 +3,9 @@
 //   - MD5 and SHA from OpenSSL's one-shot EVP_Digest, as lowercase hex;
 //   - our CRC-32 variant, byte at a time from a table written out here;
 //   - xxHash64, XXH3-64 and XXH3-128 (seed 0) from the xxHash library's one-call functions;
-//   - C4 IDs: the SHA-512 digest as a base-58 number, with the alphabet spelt out here.
+//   - C4 IDs: the SHA-512 digest as a base-58 number, with the alphabet spelt out here;
+// and the bytes of checksum texts decoded by hand: hexadecimal pairs read digit by digit, C4 IDs
+// read as base-58 numbers with that alphabet.
 #pragma once
 
 #include <openssl/evp.h>
@@ -60,6 +62,15 @@ inline constexpr std::size_t kC4DigitCount = 88;  // characters of an ID after "
 std::string c4IdOfNumber(const Bytes& bigEndian);
 // The C4 ID of `data`: c4IdOfNumber of its SHA-512 digest.
 std::string c4Reference(const Bytes& data);
+
+// ----- checksum texts decoded by hand ---------------------------------------------------------
+
+// An even-length hex text (digits of either case) as bytes: in text order (bigEndian) or last
+// pair first.
+Bytes hexBytesByHand(const std::string& hex, bool bigEndian);
+// The number a C4 ID spells, as 32-bit words most significant first (leading zero words
+// dropped), each word big-endian (bigEndian) or little-endian.
+Bytes c4BytesByHand(const std::string& c4, bool bigEndian);
 
 // ----- every algorithm -------------------------------------------------------------------------
 

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <system_error>
 
+#include "support/Vectors.hpp"
+
 namespace corvane::testsupport {
 
 ScratchDirectory::ScratchDirectory() {
@@ -23,8 +25,15 @@ ScratchDirectory::~ScratchDirectory() {
   if (path_.empty()) return;
   std::error_code ignored;
   // A test may have taken permissions away; the owner needs them back to remove the content.
+  // Each directory gets them back before the walk goes into it.
   std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
                                std::filesystem::perm_options::add, ignored);
+  std::error_code walk;
+  for (std::filesystem::recursive_directory_iterator entry(path_, walk), end; !walk && entry != end;
+       entry.increment(walk)) {
+    std::filesystem::permissions(entry->path(), std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add, ignored);
+  }
   std::filesystem::remove_all(path_, ignored);
 }
 
@@ -34,8 +43,14 @@ std::string ScratchDirectory::file(const std::string& name) const {
 
 std::string ScratchDirectory::writeFile(const std::string& name, const Bytes& content) const {
   const std::string path = file(name);
+  std::error_code ignored;  // a failure to create them shows as a failed write
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   testsupport::writeFile(path, content);
   return path;
+}
+
+std::string ScratchDirectory::writeText(const std::string& name, std::string_view content) const {
+  return writeFile(name, bytesOf(content));
 }
 
 void writeFile(const std::string& path, const Bytes& content) {

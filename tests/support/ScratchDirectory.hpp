@@ -3,13 +3,14 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "corvane/Bytes.hpp"
 
 namespace corvane::testsupport {
 
-// Created (mkdtemp) on construction, removed with its content at the end. A directory that
-// cannot be created fails the calling test.
+// Created (mkdtemp) on construction, removed with its content at the end (permissions a test took
+// away given back first). A directory that cannot be created fails the calling test.
 class ScratchDirectory {
  public:
   ScratchDirectory();
@@ -20,9 +21,11 @@ class ScratchDirectory {
   const std::filesystem::path& path() const { return path_; }
   // The path of `name` in this directory; nothing is created.
   std::string file(const std::string& name) const;
-  // Writes `content` to a new file `name` in this directory and returns its path. A failed write
-  // fails the calling test.
+  // Writes `content` to a new file `name` in this directory (a relative path; missing parent
+  // directories are created) and returns its path. A failed write fails the calling test.
   std::string writeFile(const std::string& name, const Bytes& content) const;
+  // writeFile with the bytes of `content` (any bytes, not only text).
+  std::string writeText(const std::string& name, std::string_view content) const;
 
  private:
   std::filesystem::path path_;

@@ -1,142 +1,37 @@
 // Runs `corvane-checksum composite` on scratch directory trees and compares its output with
 // composites computed here independently: per-file checksums from OpenSSL's EVP_Digest and the
-// xxHash library (support/References.hpp), hex decoded by hand, files ordered by relative path
+// xxHash library and hex decoded by hand (support/References.hpp), files ordered by relative path
 // bytes, and the pairwise levels rebuilt by a reference loop of this file.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/References.hpp"
+#include "support/ScratchDirectory.hpp"
+#include "support/ToolRunner.hpp"
 #include "support/Vectors.hpp"
-
-#ifndef CORVANE_TOOL_PATH
-#define CORVANE_TOOL_PATH ""
-#endif
 
 namespace {
 
 namespace fs = std::filesystem;
 using corvane::Bytes;
 using corvane::testsupport::bytesOf;
-
-constexpr const char* kToolPath = CORVANE_TOOL_PATH;
-
-#define SKIP_WITHOUT_TOOL()                                                 \
-  do {                                                                      \
-    if (std::string(kToolPath).empty()) {                                   \
-      GTEST_SKIP() << "corvane-checksum was not built (CORVANE_TOOL_PATH)"; \
-    }                                                                       \
-  } while (false)
-
-std::string shellQuote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  }
-  return quoted + "'";
-}
-
-// A private directory tree under the system's temporary directory, removed with its contents.
-class ScratchTree {
- public:
-  ScratchTree() {
-    std::string pattern = (fs::temp_directory_path() / "corvane-composite-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) != nullptr) {
-      path_ = pattern;
-    }
-  }
-  ~ScratchTree() {
-    std::error_code ignored;
-    for (const auto& entry : fs::recursive_directory_iterator(path_, ignored)) {
-      fs::permissions(entry.path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-    }
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-  // Writes `contents` to `relative` (parent directories created) and returns the full path.
-  fs::path file(const std::string& relative, const std::string& contents) const {
-    const fs::path path = path_ / relative;
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << contents;
-    return path;
-  }
-
- private:
-  fs::path path_;
-};
-
-struct RunResult {
-  std::string out;
-  std::string err;
-  int status = -1;
-};
-
-// Runs the tool with `arguments`; `prefix` is put in front of the command line (e.g. a program
-// that runs it as another user).
-RunResult runTool(const std::vector<std::string>& arguments, const std::string& prefix = "") {
-  ScratchTree scratch;
-  const fs::path errPath = scratch.path() / "stderr";
-  std::string command = prefix + shellQuote(kToolPath);
-  for (const auto& argument : arguments) {
-    command += ' ' + shellQuote(argument);
-  }
-  command += " 2>" + shellQuote(errPath.string());
-  RunResult result;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) {
-    return result;
-  }
-  std::array<char, 65536> buffer{};
-  std::size_t n = 0;
-  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
-    result.out.append(buffer.data(), n);
-  }
-  const int status = ::pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  std::ifstream err(errPath, std::ios::binary);
-  std::ostringstream text;
-  text << err.rdbuf();
-  result.err = text.str();
-  return result;
-}
+using corvane::testsupport::hexBytesByHand;
+using corvane::testsupport::RunResult;
+using corvane::testsupport::runTool;
+using corvane::testsupport::ScratchDirectory;
 
 // ----- independent references --------------------------------------------------------------
-
-std::string hexOf(const Bytes& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0x0f];
-  }
-  return text;
-}
-
-// An even-length lower-case hex text as bytes in text order (the tool decodes big-endian).
-Bytes hexBytesByHand(const std::string& hex) {
-  Bytes bytes;
-  const auto digit = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(digit(hex[i]) * 16 + digit(hex[i + 1])));
-  }
-  return bytes;
-}
 
 using HashFunction = std::function<std::string(const Bytes&)>;
 
@@ -144,10 +39,10 @@ const HashFunction kXxh64 = [](const Bytes& b) {
   return corvane::testsupport::xxHash64Reference(b);
 };
 const HashFunction kMd5 = [](const Bytes& b) {
-  return hexOf(corvane::testsupport::evpDigest(EVP_md5(), b));
+  return corvane::testsupport::hexEncode(corvane::testsupport::evpDigest(EVP_md5(), b));
 };
 const HashFunction kSha256 = [](const Bytes& b) {
-  return hexOf(corvane::testsupport::evpDigest(EVP_sha256(), b));
+  return corvane::testsupport::hexEncode(corvane::testsupport::evpDigest(EVP_sha256(), b));
 };
 
 // (relative path, contents) of a test tree, given in no particular order.
@@ -165,7 +60,7 @@ std::vector<std::pair<std::string, std::string>> fileChecksumsInPathOrder(
 }
 
 Bytes pieceBytes(const std::string& checksum, bool asData) {
-  return asData ? hexBytesByHand(checksum) : bytesOf(checksum);
+  return asData ? hexBytesByHand(checksum, true) : bytesOf(checksum);
 }
 
 std::string referenceFlat(const std::vector<std::string>& checksums, const HashFunction& hash,
@@ -214,15 +109,15 @@ const Tree kTree = {
     {"copy-of-b.txt", "bee\n"},
 };
 
-void writeTree(const ScratchTree& scratch, const Tree& tree) {
-  for (const auto& [path, contents] : tree) scratch.file(path, contents);
+void writeTree(const ScratchDirectory& scratch, const Tree& tree) {
+  for (const auto& [path, contents] : tree) scratch.writeText(path, contents);
 }
 
 // ----- tests ---------------------------------------------------------------------------------
 
 TEST(CorvaneChecksumComposite, DefaultIsXxh64DataFlatInPathOrder) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   fs::create_directories(scratch.path() / "empty-dir");
   const auto files = fileChecksumsInPathOrder(kTree, kXxh64);
@@ -242,7 +137,7 @@ TEST(CorvaneChecksumComposite, DefaultIsXxh64DataFlatInPathOrder) {
 
 TEST(CorvaneChecksumComposite, FlatKeepsDuplicateChecksums) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   const auto files = fileChecksumsInPathOrder(kTree, kMd5);
   std::vector<std::string> checksums = checksumsOnly(files);
@@ -254,7 +149,7 @@ TEST(CorvaneChecksumComposite, FlatKeepsDuplicateChecksums) {
 
 TEST(CorvaneChecksumComposite, TextMethodJoinsChecksumTexts) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   const auto files = fileChecksumsInPathOrder(kTree, kSha256);
   const std::string expected = referenceFlat(checksumsOnly(files), kSha256, false);
@@ -266,7 +161,7 @@ TEST(CorvaneChecksumComposite, TextMethodJoinsChecksumTexts) {
 
 TEST(CorvaneChecksumComposite, TreeSchemeHashesSortedUniqueChecksumsPairwise) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   for (const bool asData : {true, false}) {
     SCOPED_TRACE(asData ? "data" : "text");
@@ -284,8 +179,8 @@ TEST(CorvaneChecksumComposite, TreeSchemeHashesSortedUniqueChecksumsPairwise) {
 
 TEST(CorvaneChecksumComposite, TreeOfOneFileIsThatFilesChecksum) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
-  scratch.file("only/one.txt", "single");
+  ScratchDirectory scratch;
+  scratch.writeText("only/one.txt", "single");
   const RunResult run =
       runTool({"composite", "-a", "sha256", "--scheme", "tree", scratch.path().string()});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -294,7 +189,7 @@ TEST(CorvaneChecksumComposite, TreeOfOneFileIsThatFilesChecksum) {
 
 TEST(CorvaneChecksumComposite, JsonListsSettingsCompositeAndFilesInPathOrder) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   const auto files = fileChecksumsInPathOrder(kTree, kMd5);
   const RunResult run = runTool({"composite", "--json", "-a", "md5", "--scheme", "tree", "--method",
@@ -323,7 +218,7 @@ TEST(CorvaneChecksumComposite, JsonListsSettingsCompositeAndFilesInPathOrder) {
 
 TEST(CorvaneChecksumComposite, EmptyDirectoryFlatIsChecksumOfZeroBytesTreeFails) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   fs::create_directories(scratch.path() / "nothing" / "here");
   const RunResult flat = runTool({"composite", scratch.path().string()});
   EXPECT_EQ(flat.status, 0) << flat.err;
@@ -347,7 +242,7 @@ TEST(CorvaneChecksumComposite, UnreadableFileOrDirectoryIsReportedAndNoComposite
     }
     prefix = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
   }
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   writeTree(scratch, kTree);
   // Everything but the two locked entries must be readable by the tool's user.
   for (const auto& entry : fs::recursive_directory_iterator(scratch.path())) {
@@ -361,7 +256,7 @@ TEST(CorvaneChecksumComposite, UnreadableFileOrDirectoryIsReportedAndNoComposite
   fs::permissions(scratch.path(), fs::perms::owner_all | fs::perms::group_read |
                                       fs::perms::group_exec | fs::perms::others_read |
                                       fs::perms::others_exec);
-  const fs::path locked = scratch.file("locked.bin", "secret");
+  const fs::path locked = scratch.writeText("locked.bin", "secret");
   fs::permissions(locked, fs::perms::none);
   RunResult run = runTool({"composite", scratch.path().string()}, prefix);
   EXPECT_EQ(run.status, 1);
@@ -384,13 +279,13 @@ TEST(CorvaneChecksumComposite, UnreadableFileOrDirectoryIsReportedAndNoComposite
 
 TEST(CorvaneChecksumComposite, MissingOrNonDirectoryArgumentIsReported) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   const std::string missing = (scratch.path() / "missing").string();
   RunResult run = runTool({"composite", missing});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "corvane-checksum: " + missing + ": No such file or directory\n");
-  const std::string file = scratch.file("plain", "x").string();
+  const std::string file = scratch.writeText("plain", "x");
   run = runTool({"composite", file});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "corvane-checksum: " + file + ": Not a directory\n");
@@ -398,7 +293,7 @@ TEST(CorvaneChecksumComposite, MissingOrNonDirectoryArgumentIsReported) {
 
 TEST(CorvaneChecksumComposite, BadUsageExitsWithTwo) {
   SKIP_WITHOUT_TOOL();
-  ScratchTree scratch;
+  ScratchDirectory scratch;
   const std::string dir = scratch.path().string();
   for (const auto& arguments :
        std::vector<std::vector<std::string>>{{"composite"},

@@ -4,14 +4,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -22,119 +19,20 @@
 
 #include "corvane/Version.hpp"
 #include "support/References.hpp"
+#include "support/ScratchDirectory.hpp"
+#include "support/ToolRunner.hpp"
 #include "support/Vectors.hpp"
-
-#ifndef CORVANE_TOOL_PATH
-#define CORVANE_TOOL_PATH ""
-#endif
 
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kToolPath = CORVANE_TOOL_PATH;
-
-#define SKIP_WITHOUT_TOOL()                                                 \
-  do {                                                                      \
-    if (std::string(kToolPath).empty()) {                                   \
-      GTEST_SKIP() << "corvane-checksum was not built (CORVANE_TOOL_PATH)"; \
-    }                                                                       \
-  } while (false)
-
-std::string shellQuote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream contents;
-  contents << file.rdbuf();
-  return contents.str();
-}
-
-void writeFile(const fs::path& path, const std::string& contents) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-  ASSERT_TRUE(file.good()) << path;
-}
-
-// A private directory under the system's temporary directory, removed with its contents.
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "corvane-tool-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) != nullptr) {
-      path_ = pattern;
-    }
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-  // Writes `contents` to a file called `name` in the directory and returns its path.
-  std::string file(const std::string& name, const std::string& contents) const {
-    const fs::path path = path_ / name;
-    writeFile(path, contents);
-    return path.string();
-  }
-
- private:
-  fs::path path_;
-};
-
-struct RunResult {
-  std::string out;
-  std::string err;
-  int status = -1;
-};
-
-// Runs a shell command, returning its stdout and exit status; stderr goes to `errPath` if given.
-RunResult runShell(const std::string& command, const fs::path& errPath = {}) {
-  RunResult result;
-  const std::string full =
-      errPath.empty() ? command : command + " 2>" + shellQuote(errPath.string());
-  FILE* pipe = ::popen(full.c_str(), "r");
-  if (pipe == nullptr) {
-    return result;
-  }
-  std::array<char, 65536> buffer{};
-  std::size_t n = 0;
-  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
-    result.out.append(buffer.data(), n);
-  }
-  const int status = ::pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  if (!errPath.empty()) {
-    result.err = readFile(errPath);
-  }
-  return result;
-}
-
-// Runs the tool with `arguments`; `prefix` is put in front of the command line (e.g. a program
-// that runs it as another user).
-RunResult runTool(const std::vector<std::string>& arguments, const std::string& prefix = "") {
-  ScratchDirectory scratch;
-  std::string command = prefix + shellQuote(kToolPath);
-  for (const auto& argument : arguments) {
-    command += ' ';
-    command += shellQuote(argument);
-  }
-  return runShell(command, scratch.path() / "stderr");
-}
-
-bool haveProgram(const std::string& name) {
-  return runShell("command -v " + name + " >/dev/null 2>&1").status == 0;
-}
+using corvane::testsupport::haveProgram;
+using corvane::testsupport::readFile;
+using corvane::testsupport::RunResult;
+using corvane::testsupport::runShell;
+using corvane::testsupport::runTool;
+using corvane::testsupport::ScratchDirectory;
+using corvane::testsupport::shellQuote;
 
 // The checksum a reference program prints for one file: the first word of "<sum>  <path>", or
 // the text after " = " of a tag line "<ALGO> (<path>) = <sum>".
@@ -178,13 +76,13 @@ std::string reference(const std::string& algorithm, const std::string& path) {
 const std::vector<std::string> kAllAlgorithms = {"md5",   "sha1", "sha256", "sha512", "crc32",
                                                  "xxh64", "xxh3", "xxh128", "c4"};
 const std::map<std::string, std::string> kTags = {
-    {"md5", "MD5"},     {"sha1", "SHA1"},   {"sha256", "SHA256"}, {"sha512", "SHA512"},
-    {"crc32", "CRC32"}, {"xxh64", "XXH64"}, {"xxh3", "XXH3"},     {"xxh128", "XXH128"},
-    {"c4", "C4"}};
+    {"md5", "MD5"},       {"sha1", "SHA1"},     {"sha256", "SHA256"},
+    {"sha512", "SHA512"}, {"crc32", "CRC32"},   {"xxh64", "XXH64"},
+    {"xxh3", "XXH3"},     {"xxh128", "XXH128"}, {"c4", "C4"}};
 const std::map<std::string, std::string> kLibraryNames = {
-    {"md5", "MD5"},      {"sha1", "SHA-1"},     {"sha256", "SHA-2 256"}, {"sha512", "SHA-2 512"},
-    {"crc32", "CRC-32"}, {"xxh64", "xxHash64"}, {"xxh3", "xxHash3-64"},  {"xxh128", "xxHash-128"},
-    {"c4", "C4"}};
+    {"md5", "MD5"},          {"sha1", "SHA-1"},        {"sha256", "SHA-2 256"},
+    {"sha512", "SHA-2 512"}, {"crc32", "CRC-32"},      {"xxh64", "xxHash64"},
+    {"xxh3", "xxHash3-64"},  {"xxh128", "xxHash-128"}, {"c4", "C4"}};
 
 // Deterministic bytes that are not a short repeating pattern (a 64-bit LCG's top byte).
 std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
@@ -207,7 +105,8 @@ std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
 TEST(CorvaneChecksumTool, DefaultAlgorithmIsXxh64InSumFormat) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::string file = scratch.file("fox.txt", "The quick brown fox jumps over the lazy dog");
+  const std::string file =
+      scratch.writeText("fox.txt", "The quick brown fox jumps over the lazy dog");
   const RunResult run = runTool({"hash", file});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, "");
@@ -217,8 +116,9 @@ TEST(CorvaneChecksumTool, DefaultAlgorithmIsXxh64InSumFormat) {
 TEST(CorvaneChecksumTool, SingleAlgorithmOutputEqualsReferenceProgramOutput) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::vector<std::string> files = {scratch.file("empty", ""), scratch.file("a b.txt", "abc"),
-                                          scratch.file("random.bin", pseudoRandomBytes(300000, 7))};
+  const std::vector<std::string> files = {
+      scratch.writeText("empty", ""), scratch.writeText("a b.txt", "abc"),
+      scratch.writeText("random.bin", pseudoRandomBytes(300000, 7))};
   const std::map<std::string, std::string> programs = {
       {"md5", "md5sum"},       {"sha1", "sha1sum"},     {"sha256", "sha256sum"},
       {"sha512", "sha512sum"}, {"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"}};
@@ -242,7 +142,7 @@ TEST(CorvaneChecksumTool, Xxh3AndCrc32MatchReferences) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
   for (const auto& contents : {std::string(), std::string("abc"), pseudoRandomBytes(5000, 3)}) {
-    const std::string file = scratch.file("input", contents);
+    const std::string file = scratch.writeText("input", contents);
     for (const std::string algorithm : {"xxh3", "crc32"}) {
       SCOPED_TRACE(algorithm + " over " + std::to_string(contents.size()) + " bytes");
       const RunResult run = runTool({"hash", "-a", algorithm, file});
@@ -263,7 +163,7 @@ TEST(CorvaneChecksumTool, Crc32IsPrintedWithoutLeadingZeros) {
     }
   }
   ScratchDirectory scratch;
-  const std::string file = scratch.file("short-crc", contents);
+  const std::string file = scratch.writeText("short-crc", contents);
   const RunResult run = runTool({"hash", "-a", "crc32", file});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, referenceCrc32(contents) + "  " + file + "\n");
@@ -273,8 +173,8 @@ TEST(CorvaneChecksumTool, Crc32IsPrintedWithoutLeadingZeros) {
 TEST(CorvaneChecksumTool, SeveralAlgorithmsUseTagLinesInGivenOrderWithoutDuplicates) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::string first = scratch.file("first.txt", "first file\n");
-  const std::string second = scratch.file("second.bin", pseudoRandomBytes(70000, 11));
+  const std::string first = scratch.writeText("first.txt", "first file\n");
+  const std::string second = scratch.writeText("second.bin", pseudoRandomBytes(70000, 11));
   const RunResult run = runTool(
       {"hash", "-a", "sha256,md5", "-a", "xxh3,md5", "--algorithm", "SHA256,crc32", first, second});
   EXPECT_EQ(run.status, 0);
@@ -293,9 +193,9 @@ TEST(CorvaneChecksumTool, AllAlgorithmsMatchReferencesAcrossReadChunks) {
   ScratchDirectory scratch;
   // 9 MiB + 5 bytes: more than one 8 MiB read.
   const std::vector<std::string> files = {
-      scratch.file("empty", ""),
-      scratch.file("fox.txt", "The quick brown fox jumps over the lazy dog"),
-      scratch.file("large.bin", pseudoRandomBytes(9 * 1024 * 1024 + 5, 42))};
+      scratch.writeText("empty", ""),
+      scratch.writeText("fox.txt", "The quick brown fox jumps over the lazy dog"),
+      scratch.writeText("large.bin", pseudoRandomBytes(9 * 1024 * 1024 + 5, 42))};
   std::vector<std::string> arguments = {"hash", "-a",
                                         "md5,sha1,sha256,sha512,crc32,xxh64,xxh3,xxh128,c4"};
   arguments.insert(arguments.end(), files.begin(), files.end());
@@ -314,7 +214,8 @@ TEST(CorvaneChecksumTool, AllAlgorithmsMatchReferencesAcrossReadChunks) {
 TEST(CorvaneChecksumTool, JsonListsPathAlgorithmNameAndChecksum) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::vector<std::string> files = {scratch.file("one", "1"), scratch.file("two", "22")};
+  const std::vector<std::string> files = {scratch.writeText("one", "1"),
+                                          scratch.writeText("two", "22")};
   const std::vector<std::string> algorithms = {"xxh64", "sha256", "crc32"};
   const RunResult run = runTool({"hash", "--json", "-a", "xxh64,sha256,crc32", files[0], files[1]});
   EXPECT_EQ(run.status, 0);
@@ -348,9 +249,9 @@ TEST(CorvaneChecksumTool, JsonOfOnlyFailedFilesIsEmptyArray) {
 TEST(CorvaneChecksumTool, MissingFileIsReportedAndOtherFilesStillPrinted) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::string before = scratch.file("before", "before");
+  const std::string before = scratch.writeText("before", "before");
   const std::string missing = (scratch.path() / "no-such-file").string();
-  const std::string after = scratch.file("after", "after");
+  const std::string after = scratch.writeText("after", "after");
   const RunResult run = runTool({"hash", "-a", "sha256", before, missing, after});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "corvane-checksum: " + missing + ": No such file or directory\n");
@@ -361,7 +262,7 @@ TEST(CorvaneChecksumTool, MissingFileIsReportedAndOtherFilesStillPrinted) {
 TEST(CorvaneChecksumTool, DirectoryIsReported) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::string file = scratch.file("file", "x");
+  const std::string file = scratch.writeText("file", "x");
   const std::string directory = scratch.path().string();
   const RunResult run = runTool({"hash", "-a", "md5,xxh64", directory, file});
   EXPECT_EQ(run.status, 1);
@@ -383,7 +284,7 @@ TEST(CorvaneChecksumTool, UnreadableFileIsReported) {
   ScratchDirectory scratch;
   // The directory itself must be searchable, so that only the file is unreadable.
   ASSERT_EQ(::chmod(scratch.path().c_str(), 0755), 0);
-  const std::string file = scratch.file("secret", "secret");
+  const std::string file = scratch.writeText("secret", "secret");
   ASSERT_EQ(::chmod(file.c_str(), 0), 0);
   const RunResult run = runTool({"hash", file}, prefix);
   EXPECT_EQ(run.status, 1);
@@ -394,16 +295,16 @@ TEST(CorvaneChecksumTool, UnreadableFileIsReported) {
 TEST(CorvaneChecksumTool, C4PrintsTheC4IdOfTheFile) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
-  const std::string file = scratch.file("file", "c4 input");
-  const std::string empty = scratch.file("empty", "");
+  const std::string file = scratch.writeText("file", "c4 input");
+  const std::string empty = scratch.writeText("empty", "");
   const RunResult run = runTool({"hash", "-a", "sha512,c4", file, empty});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, "");
   const std::string c4 = reference("c4", file);
   EXPECT_EQ(c4.size(), 90u);
   EXPECT_EQ(run.out, "SHA512 (" + file + ") = " + reference("sha512", file) + "\n" + "C4 (" + file +
-                         ") = " + c4 + "\n" + "SHA512 (" + empty + ") = " +
-                         reference("sha512", empty) + "\n" + "C4 (" + empty +
+                         ") = " + c4 + "\n" + "SHA512 (" + empty +
+                         ") = " + reference("sha512", empty) + "\n" + "C4 (" + empty +
                          ") = c459dsjfscH38cYeXXYogktxf4Cd9ibshE3BHUo6a58hBXmRQdZrAkZzsWcbWtDg5oQ"
                          "stpDuni4Hirj75GEmTc1sFT\n");
 }
@@ -411,7 +312,7 @@ TEST(CorvaneChecksumTool, C4PrintsTheC4IdOfTheFile) {
 TEST(CorvaneChecksumTool, UnknownAlgorithmIsUsageError) {
   SKIP_WITHOUT_TOOL();
   ScratchDirectory scratch;
-  const std::string file = scratch.file("file", "x");
+  const std::string file = scratch.writeText("file", "x");
   const RunResult run = runTool({"hash", "-a", "md5,whirlpool", file});
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(run.out, "");
@@ -421,7 +322,7 @@ TEST(CorvaneChecksumTool, UnknownAlgorithmIsUsageError) {
 TEST(CorvaneChecksumTool, UnknownOptionIsUsageError) {
   SKIP_WITHOUT_TOOL();
   ScratchDirectory scratch;
-  const std::string file = scratch.file("file", "x");
+  const std::string file = scratch.writeText("file", "x");
   const RunResult run = runTool({"hash", "--no-such-option", file});
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(run.out, "");
@@ -483,10 +384,10 @@ TEST(CorvaneChecksumTool, NoArgumentsChecksumsBuiltinSampleWithEveryAlgorithm) {
   // Recreate the sample's contents here to compute the reference values.
   ScratchDirectory scratch;
   const std::map<std::string, std::string> samplePaths = {
-      {"empty", scratch.file("empty", "")},
+      {"empty", scratch.writeText("empty", "")},
       {"quick-brown-fox.txt",
-       scratch.file("quick-brown-fox.txt", "The quick brown fox jumps over the lazy dog")},
-      {"pattern-1MiB.bin", scratch.file("pattern-1MiB.bin", samplePattern())}};
+       scratch.writeText("quick-brown-fox.txt", "The quick brown fox jumps over the lazy dog")},
+      {"pattern-1MiB.bin", scratch.writeText("pattern-1MiB.bin", samplePattern())}};
 
   std::istringstream lines(run.out);
   std::string line;
