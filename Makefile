@@ -11,8 +11,10 @@ build: deps
 	cmake --preset release
 	cmake --build --preset release -j$(JOBS)
 
-# Checksums a small built-in sample with every algorithm.
-run: build
+# Checksums a small built-in sample with every algorithm (builds the library and the tool only).
+run: deps
+	cmake --preset release
+	cmake --build --preset release -j$(JOBS) --target corvane-checksum
 	./build/release/tools/corvane-checksum
 
 test-release: build
