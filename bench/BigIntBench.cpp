@@ -12,8 +12,8 @@
 
 #include <corvane/BigInt.hpp>
 #include <corvane/C4Identifier.hpp>
-#include <corvane/UnboundUInt.hpp>
 #include <corvane/CorvaneChecksumGenerator.hpp>
+#include <corvane/UnboundUInt.hpp>
 #include <cstdint>
 #include <memory>
 #include <random>

@@ -8,12 +8,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "corvane/Export.hpp"
 

@@ -85,11 +85,10 @@ const std::vector<ChecksumType>& ChecksumType::allCases() {
 
 const std::vector<ChecksumType>& ChecksumType::defaultOrdering() {
   static const auto ordering = [] {
-    std::vector<ChecksumType> list{ChecksumTypeXXHash64, ChecksumTypeXXHashH364,
-                                   ChecksumTypeXXHashH3128, ChecksumTypeMD5,
-                                   ChecksumTypeSHA1,        ChecksumTypeSHA256,
-                                   ChecksumTypeSHA512,      ChecksumTypeSRSum,
-                                   ChecksumTypeC4,          ChecksumTypeCRC32};
+    std::vector<ChecksumType> list{
+        ChecksumTypeXXHash64, ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128, ChecksumTypeMD5,
+        ChecksumTypeSHA1,     ChecksumTypeSHA256,     ChecksumTypeSHA512,      ChecksumTypeSRSum,
+        ChecksumTypeC4,       ChecksumTypeCRC32};
     // Members added later to the vocabulary follow in ascending order.
     for (ChecksumType type : allCases()) {
       if (std::find(list.begin(), list.end(), type) == list.end()) list.push_back(type);
@@ -123,9 +122,9 @@ void from_json(const nlohmann::json& json, ChecksumType& type) {
       type = ChecksumType(json.get<std::uint64_t>());
       return;
     }
-    throw DecodingError(DecodingError::Kind::typeMismatch, "",
-                        "ChecksumType: expected an unsigned integer, found " +
-                            std::string(json.type_name()));
+    throw DecodingError(
+        DecodingError::Kind::typeMismatch, "",
+        "ChecksumType: expected an unsigned integer, found " + std::string(json.type_name()));
   }
   type = ChecksumType(json.get<std::uint64_t>());
 }

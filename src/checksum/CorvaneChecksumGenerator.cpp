@@ -35,7 +35,8 @@ std::optional<std::string> CorvaneChecksumGenerator::finalizeChecksum() { return
 
 // --- the streaming protocol of every algorithm ------------------------------------------------
 
-void CorvaneStreamingChecksumGenerator::addDataToChecksum(SharedBytes data, UpdateBlock updateBlock) {
+void CorvaneStreamingChecksumGenerator::addDataToChecksum(SharedBytes data,
+                                                          UpdateBlock updateBlock) {
   if (!data) {
     if (updateBlock) updateBlock();
     return;
@@ -54,8 +55,9 @@ void CorvaneStreamingChecksumGenerator::addDataToChecksum(SharedBytes data, Upda
 void CorvaneStreamingChecksumGenerator::finalizeChecksumWithCompletionBlock(
     CompletionBlock completionBlock) {
   if (limitUsingSemaphore()) limitingSemaphore()->wait();
-  checksummingQueue()->async([self = std::static_pointer_cast<CorvaneStreamingChecksumGenerator>(shared_from_this()),
-       block = std::move(completionBlock)] {
+  checksummingQueue()->async([self = std::static_pointer_cast<CorvaneStreamingChecksumGenerator>(
+                                  shared_from_this()),
+                              block = std::move(completionBlock)] {
     if (self->isFinialized()) {
       // Raised on the queue: ends the process; the slot is not returned, no callback runs.
       throw Exception("NSInternalInconsistencyException",

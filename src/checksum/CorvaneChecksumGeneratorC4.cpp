@@ -54,8 +54,7 @@ std::optional<Bytes> CorvaneC4DataUtility::convertC4ChecksumToData(const std::st
   for (std::size_t i = 2; i < units.size(); ++i) {
     // A character is taken by its low 8 bits.
     const char character = static_cast<char>(units[i] & 0xFF);
-    const char* found =
-        character == '\0' ? nullptr : std::strchr(kC4CharacterString, character);
+    const char* found = character == '\0' ? nullptr : std::strchr(kC4CharacterString, character);
     if (found == nullptr) {
       const std::string shown(1, character);
       CVNLogError("%s", ("C4 calculation encountered invalid character '" + shown +

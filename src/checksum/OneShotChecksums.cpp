@@ -60,9 +60,11 @@ std::optional<std::string> CorvaneChecksumGenerator::generateFileChecksum(const 
                    : static_cast<std::size_t>(std::min<std::int64_t>(readSize, kMaximumChunkSize));
   dispatch::Group group;
   // Each chunk is absorbed before the next read, so one chunk is held at a time.
-  while (SharedBytes chunk = reader->readChunk(chunkSize)) detail::addAndWait(*generator, group, chunk);
+  while (SharedBytes chunk = reader->readChunk(chunkSize))
+    detail::addAndWait(*generator, group, chunk);
   if (reader->failed()) {
-    throw Exception("NSFileHandleOperationException", path + ": " + std::strerror(reader->errorNumber()));
+    throw Exception("NSFileHandleOperationException",
+                    path + ": " + std::strerror(reader->errorNumber()));
   }
   return detail::finalizeAndWait(*generator, group);
 }

@@ -40,7 +40,7 @@ std::shared_ptr<SerialQueue> SerialQueue::create(std::string label) {
 void SerialQueue::async(Task task) {
   std::unique_lock lock(mutex_);
   tasks_.push_back(std::move(task));
-  if (draining_ || jobScheduled_) return;  // whoever holds the queue will get to it
+  if (draining_ || jobScheduled_) return;        // whoever holds the queue will get to it
   if (queueDrainedByThisThread == this) return;  // the caller runs it itself right after
   jobScheduled_ = true;
   lock.unlock();

@@ -41,7 +41,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   std::string label_;
   std::mutex mutex_;
   std::deque<Task> tasks_;
-  bool draining_ = false;     // a thread is running this queue's tasks
+  bool draining_ = false;      // a thread is running this queue's tasks
   bool jobScheduled_ = false;  // a pool job for this queue was submitted and has not started
 };
 

@@ -26,7 +26,8 @@ struct WorkerPool::State {
     for (;;) {
       while (jobs.empty()) {
         ++idleWorkers;
-        const bool woke = jobAvailable.wait_for(lock, kIdleRetirement, [&] { return !jobs.empty(); });
+        const bool woke =
+            jobAvailable.wait_for(lock, kIdleRetirement, [&] { return !jobs.empty(); });
         --idleWorkers;
         if (!woke) {
           --liveWorkers;

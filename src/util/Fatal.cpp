@@ -10,8 +10,8 @@ namespace corvane::detail {
 void fatalInvalidValue(std::string_view typeName, std::string_view problem,
                        std::uint64_t rawValue) noexcept {
   std::fprintf(stderr, "Fatal error: %.*s: %.*s (raw value %" PRIu64 ")\n",
-               static_cast<int>(typeName.size()), typeName.data(),
-               static_cast<int>(problem.size()), problem.data(), rawValue);
+               static_cast<int>(typeName.size()), typeName.data(), static_cast<int>(problem.size()),
+               problem.data(), rawValue);
   std::fflush(stderr);
   std::abort();
 }

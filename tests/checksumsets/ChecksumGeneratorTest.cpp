@@ -31,8 +31,8 @@
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
-#include "support/Vectors.hpp"
 #include "support/UnprivilegedUser.hpp"
+#include "support/Vectors.hpp"
 
 namespace corvane {
 namespace {

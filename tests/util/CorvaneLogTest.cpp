@@ -1,5 +1,3 @@
-#include "corvane/CorvaneLog.hpp"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "corvane/CorvaneLog.hpp"
 #include "corvane/Version.hpp"
 
 namespace corvane {

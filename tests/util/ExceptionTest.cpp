@@ -1,6 +1,6 @@
-#include "corvane/Exception.hpp"
-
 #include <gtest/gtest.h>
+
+#include "corvane/Exception.hpp"
 
 namespace corvane {
 namespace {

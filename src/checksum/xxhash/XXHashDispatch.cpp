@@ -1,7 +1,9 @@
+// clang-format off
+// xxhash.h (with its full state types) must come before the function table that names them.
 #define XXH_STATIC_LINKING_ONLY
 #include <xxhash.h>
-
 #include "checksum/xxhash/XXHashDispatch.hpp"
+// clang-format on
 
 #include <atomic>
 
