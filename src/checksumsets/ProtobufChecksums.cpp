@@ -11,13 +11,6 @@
 namespace corvane {
 namespace {
 
-constexpr std::uint64_t kLargestFlag = 512;
-
-bool isSingleFlag(ChecksumType type) noexcept {
-  const std::uint64_t raw = type.rawValue();
-  return raw != 0 && raw <= kLargestFlag && (raw & (raw - 1)) == 0;
-}
-
 [[noreturn]] void fatalUnexpectedValue(ChecksumType type) noexcept {
   detail::fatalInvalidValue("ChecksumType", "unexpected enumeration value", type.rawValue());
 }
@@ -79,12 +72,12 @@ Bytes toBytes(const std::string& wireText) { return Bytes(wireText.begin(), wire
 bool isRecognized(Cloud_ChecksumType type) noexcept {
   const std::int32_t number = wireNumber(type);
   if (number == 0) return true;
-  return number > 0 && isSingleFlag(ChecksumType(static_cast<std::uint64_t>(number)));
+  return number > 0 && ChecksumType(static_cast<std::uint64_t>(number)).isKnownAlgorithm();
 }
 
 Cloud_ChecksumType cloudChecksumType(std::optional<ChecksumType> local) {
   if (!local) return Cloud_ChecksumType::notSet;
-  if (!isSingleFlag(*local)) fatalUnexpectedValue(*local);
+  if (!local->isKnownAlgorithm()) fatalUnexpectedValue(*local);
   return static_cast<Cloud_ChecksumType>(static_cast<std::int32_t>(local->rawValue()));
 }
 

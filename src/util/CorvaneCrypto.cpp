@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 
+#include "checksum/DigestContext.hpp"
+#include "checksum/HexText.hpp"
 #include "util/Aes128Ecb.hpp"
 
 namespace corvane {
@@ -18,22 +20,12 @@ namespace {
 // EVP takes lengths as int; longer inputs go through in slices of this size.
 constexpr std::size_t kMaxSlice = std::size_t{1} << 30;
 
-std::string digestHex(const EVP_MD* md, std::string_view text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  // EVP_Digest only fails on allocation failure inside OpenSSL; the digest of a text cannot be
-  // reported as absent, so that case (which leaves `length` at 0) gives an empty text.
-  if (EVP_Digest(text.data(), text.size(), digest, &length, md, nullptr) != 1) {
-    length = 0;
-  }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(std::size_t{length} * 2);
-  for (unsigned int i = 0; i < length; ++i) {
-    hex.push_back(kHex[digest[i] >> 4]);
-    hex.push_back(kHex[digest[i] & 0x0f]);
-  }
-  return hex;
+// The digest of the text's bytes as lowercase hex, with the same digest contexts and hex printing
+// the checksum generators use.
+std::string digestHex(detail::DigestAlgorithm algorithm, std::string_view text) {
+  detail::DigestContext context(algorithm);
+  context.update(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+  return detail::hexText(context.finish());
 }
 
 // A 17-byte zero-filled buffer receiving at most 16 bytes of `text`: the first 16 are the key.
@@ -87,11 +79,11 @@ std::optional<Bytes> aes128Ecb(bool encrypt, const Aes128Key& key, const Bytes& 
 }  // namespace detail
 
 std::string CorvaneCrypto::hashSha512(std::string_view text) {
-  return digestHex(EVP_sha512(), text);
+  return digestHex(detail::DigestAlgorithm::sha512, text);
 }
 
 std::string CorvaneCrypto::hashSha256(std::string_view text) {
-  return digestHex(EVP_sha256(), text);
+  return digestHex(detail::DigestAlgorithm::sha256, text);
 }
 
 Bytes CorvaneCrypto::randomInitializationVector() { return randomDataWithLength(16); }
