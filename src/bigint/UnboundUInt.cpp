@@ -7,17 +7,11 @@
 #include <string_view>
 #include <utility>
 
+#include "checksum/HexDecoding.hpp"
+
 namespace corvane {
 
 namespace {
-
-// Value of a hexadecimal digit, or -1.
-int hexDigitValue(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // The part from the first '1' on; "0" when there is none.
 std::string normalised(std::string_view text) {
@@ -165,7 +159,8 @@ std::shared_ptr<UnboundUInt> UnboundUInt::initWithNumber(std::uint64_t number) {
 }
 
 bool UnboundUInt::isHexadecimal(const std::string& text) noexcept {
-  return std::all_of(text.begin(), text.end(), [](char c) { return hexDigitValue(c) >= 0; });
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return detail::hexDigitValue(c) >= 0; });
 }
 
 std::string UnboundUInt::hexadecimalToBinary(const std::string& text) {
@@ -173,7 +168,7 @@ std::string UnboundUInt::hexadecimalToBinary(const std::string& text) {
   std::string binary;
   binary.reserve(text.size() * 4);
   for (const char c : text) {
-    const int value = hexDigitValue(c);
+    const int value = detail::hexDigitValue(c);
     for (int bit = 3; bit >= 0; --bit) binary.push_back(((value >> bit) & 1) != 0 ? '1' : '0');
   }
   return binary;

@@ -1,22 +1,19 @@
 #include "checksum/C4Base58.hpp"
 
-namespace corvane::detail {
+#include <algorithm>
 
-namespace {
-std::uint32_t hexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return static_cast<std::uint32_t>(c - '0');
-  if (c >= 'a' && c <= 'f') return static_cast<std::uint32_t>(c - 'a' + 10);
-  if (c >= 'A' && c <= 'F') return static_cast<std::uint32_t>(c - 'A' + 10);
-  return 0;
-}
-}  // namespace
+#include "checksum/HexDecoding.hpp"
+
+namespace corvane::detail {
 
 C4Number C4Number::fromHex(const std::string& hex) {
   C4Number number;
   // The last digit is the least significant nibble.
   std::size_t nibble = 0;
   for (auto it = hex.rbegin(); it != hex.rend() && nibble < kWords * 8u; ++it, ++nibble) {
-    number.words[nibble / 8] |= hexDigitValue(*it) << (4 * (nibble % 8));
+    // Other characters count as zero digits.
+    const int value = std::max(hexDigitValue(*it), 0);
+    number.words[nibble / 8] |= static_cast<std::uint32_t>(value) << (4 * (nibble % 8));
   }
   return number;
 }

@@ -23,8 +23,6 @@ constexpr std::array<std::int8_t, 256> kHexDigitValues = [] {
   return values;
 }();
 
-inline int hexDigitValue(char c) { return kHexDigitValues[static_cast<unsigned char>(c)]; }
-
 // Two hex digits are the common case; anything else (spaces, a sign, a "0x" prefix, other
 // characters) goes through strtol itself, which stops at the first non-digit.
 inline std::uint8_t byteFromPair(char high, char low) {
@@ -70,6 +68,8 @@ bool isAscii(const std::string& text) {
 }
 
 }  // namespace
+
+int hexDigitValue(char c) noexcept { return kHexDigitValues[static_cast<unsigned char>(c)]; }
 
 void appendBytesFromHexText(const std::string& text, bool storeAsLittleEndian, Bytes& out) {
   // ASCII texts are their own UTF-16 units; others are measured and read unit by unit.
