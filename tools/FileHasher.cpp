@@ -5,74 +5,201 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
-#include <optional>
-#include <unordered_map>
+#include <mutex>
 
-#include "corvane/ChecksumGenerator.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 
 namespace corvane::tool {
+
 namespace {
 
-// The reason the file cannot be read, or nothing when it can. A directory opens fine with
-// O_RDONLY, so it is named explicitly; O_NONBLOCK keeps the probe from hanging on a FIFO.
-std::optional<std::string> reasonFileIsUnreadable(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    return std::string(std::strerror(errno));
+// Bytes asked of the file per read. Large enough that a system call per chunk costs nothing,
+// small enough that a chunk stays in the cache between the read and the hashing.
+constexpr std::size_t kChunkSize = std::size_t{1} << 20;
+// The read that confirms the end of a file whose size was reached.
+constexpr std::size_t kEndProbeSize = std::size_t{64} << 10;
+// Free buffers kept for reuse; more are released.
+constexpr std::size_t kPooledBufferLimit = 64;
+
+std::string reasonFor(int error) { return std::strerror(error); }
+
+// Reads until `length` bytes arrived or the end of the file; the count read, or -1 with errno.
+ssize_t readFully(int descriptor, std::uint8_t* into, std::size_t length) {
+  std::size_t done = 0;
+  while (done < length) {
+    const ssize_t got = ::read(descriptor, into + done, length - done);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
   }
-  if (S_ISDIR(status.st_mode)) {
-    return std::string(std::strerror(EISDIR));
-  }
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    return std::string(std::strerror(errno));
-  }
-  ::close(descriptor);
-  return std::nullopt;
+  return static_cast<ssize_t>(done);
 }
+
+// The texts of several finalisations, handed over from the generators' queues.
+class FinalTexts {
+ public:
+  explicit FinalTexts(std::size_t count) : texts_(count), remaining_(count) {}
+
+  void deliver(std::size_t index, const std::optional<std::string>& text) {
+    {
+      const std::lock_guard lock(mutex_);
+      texts_[index] = text;
+      --remaining_;
+    }
+    arrived_.notify_all();
+  }
+
+  std::vector<std::optional<std::string>> wait() {
+    std::unique_lock lock(mutex_);
+    arrived_.wait(lock, [this] { return remaining_ == 0; });
+    return std::move(texts_);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<std::optional<std::string>> texts_;
+  std::size_t remaining_;
+};
 
 }  // namespace
 
-FileHasher::FileHasher(std::vector<const AlgorithmName*> algorithms)
-    : algorithms_(std::move(algorithms)) {
-  available_.reserve(algorithms_.size());
-  for (const AlgorithmName* algorithm : algorithms_) {
-    available_.push_back(CorvaneChecksumGenerator::checksumGeneratorForType(algorithm->type) !=
-                         nullptr);
+// Chunk buffers reused across files. A buffer keeps its capacity, so resizing it to a chunk's
+// length writes (zeroes) only what grows beyond its previous length.
+class ChunkPool : public std::enable_shared_from_this<ChunkPool> {
+ public:
+  std::shared_ptr<Bytes> take(std::size_t length) {
+    std::unique_ptr<Bytes> buffer;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        buffer = std::move(free_.back());
+        free_.pop_back();
+      }
+    }
+    if (!buffer) {
+      buffer = std::make_unique<Bytes>();
+      buffer->reserve(kChunkSize);
+    }
+    buffer->resize(length);
+    return {buffer.release(), [pool = shared_from_this()](Bytes* returned) {
+              pool->giveBack(std::unique_ptr<Bytes>(returned));
+            }};
   }
+
+ private:
+  void giveBack(std::unique_ptr<Bytes> buffer) {
+    const std::lock_guard lock(mutex_);
+    if (free_.size() < kPooledBufferLimit) free_.push_back(std::move(buffer));
+  }
+
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Bytes>> free_;
+};
+
+const std::string* FileResult::checksumOf(const AlgorithmName* algorithm) const {
+  for (const FileChecksum& entry : checksums) {
+    if (entry.algorithm == algorithm) return &entry.checksum;
+  }
+  return nullptr;
 }
 
-FileResult FileHasher::hash(const std::string& path) const {
-  FileResult result{.path = path, .checksums = {}, .errors = {}};
-  if (auto reason = reasonFileIsUnreadable(path)) {
-    result.errors.push_back(std::move(*reason));
+FileHasher::FileHasher(std::vector<const AlgorithmName*> algorithms, HashSettings settings)
+    : algorithms_(std::move(algorithms)),
+      settings_(settings),
+      pool_(std::make_shared<ChunkPool>()) {}
+
+FileHasher::~FileHasher() = default;
+
+FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesRead) const {
+  FileResult result;
+  result.path = path;
+  // O_NONBLOCK keeps the open from hanging on a FIFO without a writer; it is cleared below for
+  // anything but a regular file (where it has no effect).
+  // "-" names standard input, as for the coreutils tools.
+  const char* openPath = path == "-" ? "/dev/stdin" : path.c_str();
+  const int descriptor = ::open(openPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) {
+    result.errors.push_back(reasonFor(errno));
     return result;
   }
+  struct DescriptorCloser {
+    int descriptor;
+    ~DescriptorCloser() { ::close(descriptor); }
+  } closer{descriptor};
 
-  std::vector<ChecksumType> types;
-  types.reserve(algorithms_.size());
-  for (const AlgorithmName* algorithm : algorithms_) {
-    types.push_back(algorithm->type);
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) {
+    result.errors.push_back(reasonFor(errno));
+    return result;
   }
-  std::unordered_map<ChecksumType, std::string> supplied;
-  ChecksumGenerator(std::move(types))
-      .generateChecksumsForFile(
-          path, [](float, std::uint64_t, bool*) {},
-          [&supplied](const std::string& text, ChecksumType type) { supplied[type] = text; });
+  if (S_ISDIR(status.st_mode)) {
+    result.errors.push_back(reasonFor(EISDIR));
+    return result;
+  }
+  const bool regular = S_ISREG(status.st_mode);
+  if (!regular) ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+  result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+  ::posix_fadvise(descriptor, 0, 0,
+                  settings_.bypassCache ? POSIX_FADV_DONTNEED : POSIX_FADV_SEQUENTIAL);
 
-  for (std::size_t i = 0; i < algorithms_.size(); ++i) {
-    const AlgorithmName* algorithm = algorithms_[i];
-    if (auto found = supplied.find(algorithm->type); found != supplied.end()) {
-      result.checksums.push_back({algorithm, std::move(found->second)});
-    } else if (!available_[i]) {
+  std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
+  generators.reserve(algorithms_.size());
+  for (const AlgorithmName* algorithm : algorithms_) {
+    generators.push_back(CorvaneChecksumGenerator::checksumGeneratorForType(algorithm->type));
+    if (!generators.back()) {
       result.errors.push_back("algorithm not available: " + std::string(algorithm->cliName));
+      return result;
+    }
+  }
+
+  // The size is a hint for the length of each read: a file that grows or shrinks meanwhile is
+  // still read to its end.
+  std::uint64_t remaining = regular ? static_cast<std::uint64_t>(status.st_size) : 0;
+  std::uint64_t bytesRead = 0;
+  while (true) {
+    const std::size_t wanted =
+        remaining == 0 ? (regular ? kEndProbeSize : kChunkSize)
+                       : static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kChunkSize));
+    std::shared_ptr<Bytes> chunk = pool_->take(wanted);
+    const ssize_t got = readFully(descriptor, chunk->data(), wanted);
+    if (got < 0) {
+      result.errors.push_back(reasonFor(errno));
+      break;
+    }
+    if (got == 0) break;
+    chunk->resize(static_cast<std::size_t>(got));
+    const auto count = static_cast<std::uint64_t>(got);
+    remaining = remaining > count ? remaining - count : 0;
+    if (settings_.bypassCache) {
+      ::posix_fadvise(descriptor, static_cast<off_t>(bytesRead), got, POSIX_FADV_DONTNEED);
+    }
+    bytesRead += count;
+    const SharedBytes shared = std::move(chunk);
+    for (const auto& generator : generators) generator->addDataToChecksum(shared, [] {});
+    if (onBytesRead) onBytesRead(count);
+  }
+  result.size = bytesRead;
+
+  // Finalising also after a read error lets every queued chunk drain before the run goes on.
+  auto texts = std::make_shared<FinalTexts>(generators.size());
+  for (std::size_t i = 0; i < generators.size(); ++i) {
+    generators[i]->finalizeChecksumWithCompletionBlock(
+        [texts, i](const std::optional<std::string>& text) { texts->deliver(i, text); });
+  }
+  auto finalTexts = texts->wait();
+  if (!result.errors.empty()) return result;
+  for (std::size_t i = 0; i < algorithms_.size(); ++i) {
+    if (finalTexts[i]) {
+      result.checksums.push_back({algorithms_[i], std::move(*finalTexts[i])});
     } else {
-      // The file passed the checks above but the library could not read it after all (it was
-      // removed or changed in between).
-      result.errors.push_back("no " + std::string(algorithm->cliName) +
-                              " checksum produced (file could not be read)");
+      result.errors.push_back("no " + std::string(algorithms_[i]->cliName) +
+                              " checksum produced");
     }
   }
   return result;

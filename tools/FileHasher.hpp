@@ -1,12 +1,20 @@
-// FileHasher: all requested checksums of one file, in one pass, with a precise reason when a file
-// cannot be checksummed.
+// FileHasher: all requested checksums of one file from one read of it, with a precise reason when
+// a file cannot be checksummed.
 //
-// The library's file form reports no errors (a file it cannot open simply yields no checksum),
-// so the file is examined first with stat() and open() to name the reason the way the coreutils
-// tools do ("No such file or directory", "Permission denied", "Is a directory"). Then one
-// corvane::ChecksumGenerator run reads the file once for every algorithm.
+// The file is opened and examined once (fstat on the open descriptor gives the size and
+// modification time of exactly what is read). Its chunks are handed to one library streaming
+// generator per algorithm without waiting between hand-offs, so the algorithms of one file hash
+// in parallel on their own queues while the next chunk is read; each generator's queue bound
+// (eight chunks) makes the reader wait for the slowest algorithm. Chunk buffers come from a pool
+// shared by every file of the hasher, so a run allocates them once.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,30 +27,52 @@ struct FileChecksum {
   std::string checksum;
 };
 
+struct FileTime {
+  std::int64_t seconds = 0;      // since the epoch, UTC
+  std::int64_t nanoseconds = 0;  // 0 ... 999,999,999
+};
+
 struct FileResult {
   std::string path;
-  // In the order of the hasher's algorithms; only those that produced a checksum.
+  std::optional<std::uint64_t> size;  // bytes read; known once the file was opened
+  std::optional<FileTime> modified;
+  // In the order of the hasher's algorithms; empty when the file could not be read to the end.
   std::vector<FileChecksum> checksums;
-  // Human-readable reasons, empty when every algorithm produced a checksum.
+  // Human-readable reasons ("No such file or directory", "Input/output error").
   std::vector<std::string> errors;
 
   bool ok() const { return errors.empty(); }
+  // The checksum of `algorithm`, or null.
+  const std::string* checksumOf(const AlgorithmName* algorithm) const;
 };
+
+struct HashSettings {
+  // Drop the file's pages from the page cache before and while reading it, so that the bytes
+  // come from the disk (posix_fadvise DONTNEED).
+  bool bypassCache = false;
+};
+
+class ChunkPool;
 
 class FileHasher {
  public:
-  // `algorithms` must be non-empty and hold no duplicates (see parseAlgorithmList). Asks the
-  // library once which of them have a generator.
-  explicit FileHasher(std::vector<const AlgorithmName*> algorithms);
+  // Called from the hashing thread with the number of bytes just read.
+  using ByteCounter = std::function<void(std::uint64_t)>;
+
+  // `algorithms` must be non-empty and hold no duplicates (see parseAlgorithmList).
+  explicit FileHasher(std::vector<const AlgorithmName*> algorithms, HashSettings settings = {});
+  ~FileHasher();
 
   const std::vector<const AlgorithmName*>& algorithms() const { return algorithms_; }
 
-  // Checksums the file at `path`. Never throws for file problems; they end up in errors.
-  FileResult hash(const std::string& path) const;
+  // Checksums the file at `path`. Never throws for file problems; they end up in errors. May be
+  // called from several threads at once.
+  FileResult hash(const std::string& path, const ByteCounter& onBytesRead = {}) const;
 
  private:
   std::vector<const AlgorithmName*> algorithms_;
-  std::vector<bool> available_;  // parallel to algorithms_
+  HashSettings settings_;
+  std::shared_ptr<ChunkPool> pool_;
 };
 
 }  // namespace corvane::tool

@@ -1,39 +1,59 @@
 // OutputFormat: how corvane-checksum prints the checksums it computed.
 //
-// Three styles:
-// - plain (one algorithm): "<checksum>  <path>", the layout of sha256sum and friends;
-// - tagged (several algorithms): "<TAG> (<path>) = <checksum>", one line per file and algorithm;
-// - JSON: one array of {"path", "algorithm", "checksum"} objects printed at the end, where
-//   "algorithm" is the library's display name of the algorithm ("xxHash64", "SHA-2 256").
-// Plain and tagged lines are written (and flushed) as each file finishes, so errors written to
-// stderr in between keep their place relative to them.
+// - GNU lines "<checksum>  <path>", the layout of sha256sum and friends (one algorithm);
+// - tag lines "<TAG> (<path>) = <checksum>", as `sha256sum --tag` and `xxhsum --tag` write them
+//   (asked for, or several algorithms);
+// - either ending in NUL instead of newline (-z), which also turns name escaping off;
+// - one JSON document for the whole run.
+// A name holding a backslash, newline or carriage return is escaped as coreutils does (see
+// NameEscaping.hpp) unless lines end in NUL.
 #pragma once
 
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <string>
 
 #include "FileHasher.hpp"
 
 namespace corvane::tool {
 
-enum class OutputStyle { kPlain, kTagged, kJson };
+enum class LineStyle { kGnu, kTag };
 
-// kJson when asked for, else kPlain for one algorithm and kTagged for several.
-OutputStyle chooseOutputStyle(bool json, std::size_t algorithmCount);
+struct LineSettings {
+  LineStyle style = LineStyle::kGnu;
+  bool nulTerminated = false;
+};
 
-class OutputWriter {
+// Writes one checksum line.
+void writeChecksumLine(std::ostream& out, const LineSettings& settings,
+                       const AlgorithmName& algorithm, const std::string& path,
+                       const std::string& checksum);
+
+// "2026-11-22T10:00:00.123456789Z".
+std::string formatUtcTime(const FileTime& time);
+
+// A JSON dump that never fails: names are bytes, not necessarily UTF-8, so bytes that cannot be
+// encoded become U+FFFD.
+std::string dumpJson(const nlohmann::ordered_json& document);
+
+// The JSON document of `hash --json`:
+// {"algorithms": [...], "files": [{"path", "size", "modified", "checksums": {...}} or
+//  {"path", "error"}], "totals": {"files", "hashed", "errors", "bytes"}}.
+class HashJsonDocument {
  public:
-  OutputWriter(OutputStyle style, std::ostream& out) : style_(style), out_(out) {}
+  explicit HashJsonDocument(const std::vector<const AlgorithmName*>& algorithms);
 
-  // Writes (or, for JSON, collects) the checksums of one file.
-  void add(const FileResult& result);
-  // Ends the output; for JSON this prints the array (also when it is empty).
-  void finish();
+  void addFile(const FileResult& result);
+  void addError(const std::string& path, const std::string& reason);
+  // Writes the document.
+  void write(std::ostream& out) const;
 
  private:
-  OutputStyle style_;
-  std::ostream& out_;
-  nlohmann::ordered_json entries_ = nlohmann::ordered_json::array();
+  nlohmann::ordered_json algorithms_ = nlohmann::ordered_json::array();
+  nlohmann::ordered_json files_ = nlohmann::ordered_json::array();
+  std::uint64_t hashed_ = 0;
+  std::uint64_t errors_ = 0;
+  std::uint64_t bytes_ = 0;
 };
 
 }  // namespace corvane::tool

@@ -1,0 +1,34 @@
+// The options every command of corvane-checksum shares: -j, --no-progress, --summary.
+#pragma once
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "OrderedParallelRun.hpp"
+#include "RunReporter.hpp"
+
+namespace corvane::tool {
+
+struct CommonOptions {
+  unsigned jobs = defaultJobCount();
+  bool noProgress = false;
+  bool summary = false;
+
+  // What the reporter of this run shows, given where stderr goes.
+  ReportSettings reportSettings() const {
+    return reportSettingsFor(noProgress, summary, ::isatty(STDERR_FILENO) == 1);
+  }
+};
+
+inline void addCommonOptions(CLI::App& command, CommonOptions& options) {
+  command.add_option("-j,--jobs", options.jobs, "Files hashed at once (default: processors)")
+      ->check(CLI::Range(1U, 256U))
+      ->type_name("N");
+  command.add_flag("--no-progress", options.noProgress,
+                   "Never show the progress line (shown by default when stderr is a terminal)");
+  command.add_flag("--summary", options.summary,
+                   "Print a closing line with files, bytes, time, rate and errors to stderr");
+}
+
+}  // namespace corvane::tool
