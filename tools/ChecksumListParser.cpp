@@ -1,1 +1,161 @@
-// (being written)
+#include "ChecksumListParser.hpp"
+
+#include <algorithm>
+#include <array>
+
+#include "NameEscaping.hpp"
+
+namespace corvane::tool {
+namespace {
+
+constexpr std::string_view kHexDigits = "0123456789abcdefABCDEF";
+constexpr std::string_view kBase58Digits =
+    "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
+constexpr std::size_t kC4Length = 90;
+constexpr std::size_t kCrc32Digits = 8;
+
+bool isHex(std::string_view text) {
+  return !text.empty() && text.find_first_not_of(kHexDigits) == std::string_view::npos;
+}
+
+bool isC4Id(std::string_view text) {
+  return text.size() == kC4Length && text.starts_with("c4") &&
+         text.substr(2).find_first_not_of(kBase58Digits) == std::string_view::npos;
+}
+
+// Hex digits of the algorithm's checksum; 0 for C4, which is not hex.
+std::size_t hexDigitsOf(const AlgorithmName& algorithm) {
+  switch (algorithm.type) {
+    case ChecksumTypeMD5:
+    case ChecksumTypeXXHashH3128:
+      return 32;
+    case ChecksumTypeSHA1:
+      return 40;
+    case ChecksumTypeSHA256:
+      return 64;
+    case ChecksumTypeSHA512:
+      return 128;
+    case ChecksumTypeCRC32:
+      return kCrc32Digits;
+    case ChecksumTypeXXHash64:
+    case ChecksumTypeXXHashH364:
+      return 16;
+    default:
+      return 0;
+  }
+}
+
+// Whether `text` is a checksum of `algorithm`. A CRC-32 may be shorter than 8 digits (leading
+// zeros are not printed).
+bool fitsAlgorithm(const AlgorithmName& algorithm, std::string_view text) {
+  if (algorithm.type == ChecksumTypeC4) return isC4Id(text);
+  if (!isHex(text)) return false;
+  if (algorithm.type == ChecksumTypeCRC32) return text.size() <= kCrc32Digits;
+  return text.size() == hexDigitsOf(algorithm);
+}
+
+// The algorithm of a GNU line without -a, from the form of its checksum; null if none fits.
+const AlgorithmName* guessAlgorithm(std::string_view text) {
+  if (isC4Id(text)) return findAlgorithm("c4");
+  if (!isHex(text)) return nullptr;
+  // XXH3 and XXH128 share their lengths with xxh64 and MD5; only -a or a tag selects them.
+  for (const std::string_view name : {"md5", "sha1", "sha256", "sha512", "crc32", "xxh64"}) {
+    const AlgorithmName* algorithm = findAlgorithm(name);
+    if (text.size() == hexDigitsOf(*algorithm)) return algorithm;
+  }
+  return nullptr;
+}
+
+const AlgorithmName* findTag(std::string_view tag) {
+  for (const AlgorithmName& algorithm : knownAlgorithms()) {
+    if (algorithm.tag == tag) return &algorithm;
+  }
+  return nullptr;
+}
+
+std::string normalizedChecksum(const AlgorithmName& algorithm, std::string_view text) {
+  std::string checksum(text);
+  if (algorithm.type != ChecksumTypeC4) {
+    std::ranges::transform(checksum, checksum.begin(), [](char c) {
+      return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+  }
+  return checksum;
+}
+
+// "<TAG> (<name>) = <checksum>"; null when the line does not start with a known tag and " (".
+std::optional<ChecksumListEntry> parseTagLine(std::string_view line) {
+  const auto open = line.find(" (");
+  if (open == std::string_view::npos) return std::nullopt;
+  const AlgorithmName* algorithm = findTag(line.substr(0, open));
+  if (algorithm == nullptr) return std::nullopt;
+  // The name may itself hold ") = ", the checksum cannot.
+  const auto close = line.rfind(") = ");
+  if (close == std::string_view::npos || close < open + 2) return std::nullopt;
+  const std::string_view checksum = line.substr(close + 4);
+  if (!fitsAlgorithm(*algorithm, checksum)) return std::nullopt;
+  return ChecksumListEntry{algorithm, normalizedChecksum(*algorithm, checksum),
+                           std::string(line.substr(open + 2, close - open - 2))};
+}
+
+// "<checksum>  <name>" or "<checksum> *<name>".
+std::optional<ChecksumListEntry> parseGnuLine(std::string_view line,
+                                              const AlgorithmName* gnuAlgorithm) {
+  const auto space = line.find(' ');
+  if (space == std::string_view::npos || space + 2 >= line.size()) return std::nullopt;
+  if (line[space + 1] != ' ' && line[space + 1] != '*') return std::nullopt;
+  const std::string_view checksum = line.substr(0, space);
+  const AlgorithmName* algorithm = gnuAlgorithm;
+  if (algorithm == nullptr) {
+    algorithm = guessAlgorithm(checksum);
+    if (algorithm == nullptr) return std::nullopt;
+  } else if (!fitsAlgorithm(*algorithm, checksum)) {
+    return std::nullopt;
+  }
+  return ChecksumListEntry{algorithm, normalizedChecksum(*algorithm, checksum),
+                           std::string(line.substr(space + 2))};
+}
+
+std::string_view withoutLeadingZeros(std::string_view hex) {
+  const auto first = hex.find_first_not_of('0');
+  return first == std::string_view::npos ? std::string_view() : hex.substr(first);
+}
+
+}  // namespace
+
+ParsedChecksumLine parseChecksumLine(std::string_view line, const AlgorithmName* gnuAlgorithm) {
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  if (line.empty() || line.front() == '#') return IgnoredLine{};
+  const bool escaped = line.front() == '\\';
+  if (escaped) line.remove_prefix(1);
+
+  std::optional<ChecksumListEntry> entry = parseTagLine(line);
+  if (!entry) entry = parseGnuLine(line, gnuAlgorithm);
+  if (!entry || entry->path.empty()) return ImproperLine{};
+  if (escaped) {
+    std::optional<std::string> name = unescapeName(entry->path);
+    if (!name) return ImproperLine{};
+    entry->path = std::move(*name);
+  }
+  // No file name holds a NUL byte.
+  if (entry->path.find('\0') != std::string::npos) return ImproperLine{};
+  return std::move(*entry);
+}
+
+bool checksumsMatch(const AlgorithmName& algorithm, std::string_view expected,
+                    std::string_view computed) {
+  if (algorithm.type == ChecksumTypeC4) return expected == computed;
+  const auto sameDigit = [](char a, char b) {
+    const auto lower = [](char c) {
+      return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    };
+    return lower(a) == lower(b);
+  };
+  if (algorithm.type == ChecksumTypeCRC32) {
+    expected = withoutLeadingZeros(expected);
+    computed = withoutLeadingZeros(computed);
+  }
+  return std::ranges::equal(expected, computed, sameDigit);
+}
+
+}  // namespace corvane::tool

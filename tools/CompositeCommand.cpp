@@ -13,54 +13,13 @@
 #include <variant>
 
 #include "AlgorithmNames.hpp"
+#include "ExitStatus.hpp"
 #include "FileHasher.hpp"
+#include "PathWalker.hpp"
 #include "corvane/CompositeChecksumGenerator.hpp"
 
 namespace corvane::tool {
 namespace {
-
-namespace fs = std::filesystem;
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
-struct Failure {
-  std::string path;
-  std::string reason;
-};
-
-// The regular files of a tree as paths relative to its root ("a/b.txt"), and the directories
-// that could not be listed.
-struct TreeListing {
-  std::vector<std::string> files;
-  std::vector<Failure> failures;
-};
-
-// Lists the regular files under `directory` into `listing`, descending into
-// subdirectories. Symbolic links to directories are not followed, so a link cycle cannot trap
-// the walk; links to regular files are checksummed like the files they name.
-void listTree(const fs::path& directory, const std::string& relativePrefix, TreeListing& listing) {
-  std::error_code error;
-  fs::directory_iterator it(directory, error);
-  if (error) {
-    listing.failures.push_back({directory.string(), error.message()});
-    return;
-  }
-  for (const fs::directory_iterator end; it != end; it.increment(error)) {
-    const fs::directory_entry& entry = *it;
-    const std::string relative = relativePrefix + entry.path().filename().string();
-    std::error_code statusError;
-    if (entry.is_directory(statusError) && !entry.is_symlink(statusError)) {
-      listTree(entry.path(), relative + "/", listing);
-    } else if (entry.is_regular_file(statusError)) {
-      listing.files.push_back(relative);
-    }
-  }
-  if (error) {
-    listing.failures.push_back({directory.string(), error.message()});
-  }
-}
 
 // The reason `path` cannot be walked as a directory, or nothing.
 std::optional<std::string> reasonNotADirectory(const std::string& path) {
@@ -72,10 +31,6 @@ std::optional<std::string> reasonNotADirectory(const std::string& path) {
     return std::string(std::strerror(ENOTDIR));
   }
   return std::nullopt;
-}
-
-void reportFailure(std::ostream& err, const std::string& programName, const Failure& failure) {
-  err << programName << ": " << failure.path << ": " << failure.reason << '\n';
 }
 
 }  // namespace
@@ -104,6 +59,9 @@ CLI::App* addCompositeSubcommand(CLI::App& app, CompositeOptions& options) {
       ->type_name("flat|tree");
   composite->add_flag("--json", options.json,
                       "Print one JSON object with the settings, the composite and every file");
+  composite->add_flag("--follow-symlinks", options.followSymlinks,
+                      "Follow symbolic links met in the tree (default: skip and report them)");
+  addCommonOptions(*composite, options.common);
   composite->add_option("DIR", options.directory, "Directory to checksum")
       ->required()
       ->type_name("");
@@ -134,35 +92,52 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
   const bool tree = options.scheme == "tree";
 
   int status = kExitOk;
-  TreeListing listing;
   if (auto reason = reasonNotADirectory(options.directory)) {
-    reportFailure(err, programName, {options.directory, *reason});
+    err << programName << ": " << options.directory << ": " << *reason << '\n';
     return kExitFailed;
   }
-  listTree(fs::path(options.directory), "", listing);
-  for (const Failure& failure : listing.failures) {
-    reportFailure(err, programName, failure);
-    status = kExitFailed;
+  const std::vector<WalkItem> items = walkDirectory(options.directory, options.followSymlinks);
+
+  RunReporter reporter(options.common.reportSettings(), err);
+  std::uint64_t fileCount = 0;
+  std::uint64_t byteCount = 0;
+  for (const WalkItem& item : items) {
+    if (item.kind == WalkItem::Kind::kFile) {
+      ++fileCount;
+      byteCount += item.size;
+    }
   }
-  // std::string compares as unsigned bytes: the stable byte order of the paths.
-  std::sort(listing.files.begin(), listing.files.end());
+  reporter.setTotals(fileCount, byteCount);
 
   const FileHasher hasher({algorithm});
+  std::vector<FileResult> results(items.size());
   std::vector<std::string> checksums;
   nlohmann::ordered_json files = nlohmann::ordered_json::array();
-  for (const std::string& relative : listing.files) {
-    const std::string path = (fs::path(options.directory) / relative).string();
-    const FileResult result = hasher.hash(path);
-    for (const auto& reason : result.errors) {
-      reportFailure(err, programName, {path, reason});
-    }
-    if (!result.ok() || result.checksums.empty()) {
-      status = kExitFailed;
-      continue;
-    }
-    checksums.push_back(result.checksums.front().checksum);
-    files.push_back({{"path", relative}, {"checksum", checksums.back()}});
-  }
+  runOrderedInParallel(
+      items.size(), options.common.jobs,
+      [&](std::size_t i) {
+        if (items[i].kind != WalkItem::Kind::kFile) return;
+        results[i] = hasher.hash(items[i].path,
+                                 [&reporter](std::uint64_t count) { reporter.addBytes(count); });
+        reporter.fileDone();
+      },
+      [&](std::size_t i) {
+        const WalkItem& item = items[i];
+        const FileResult result = std::move(results[i]);
+        if (item.kind == WalkItem::Kind::kNotice) {
+          reporter.notice(item.path, item.message);
+          return;
+        }
+        if (item.kind == WalkItem::Kind::kError) {
+          reporter.error(item.path, item.message);
+          return;
+        }
+        for (const auto& reason : result.errors) reporter.error(item.path, reason);
+        if (!result.ok() || result.checksums.empty()) return;
+        checksums.push_back(result.checksums.front().checksum);
+        files.push_back({{"path", item.relative}, {"checksum", checksums.back()}});
+      });
+  if (reporter.errorCount() != 0) status = kExitFailed;
 
   std::optional<std::string> composite;
   if (status == kExitOk) {
@@ -176,9 +151,8 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
               .generate(checksums, algorithm->type);
     }
     if (!composite) {
-      reportFailure(err, programName,
-                    {options.directory,
-                     checksums.empty() ? "no files to combine" : "no composite checksum produced"});
+      reporter.error(options.directory,
+                     checksums.empty() ? "no files to combine" : "no composite checksum produced");
       status = kExitFailed;
     }
   }
@@ -197,6 +171,7 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
     out << *composite << "  " << options.directory << '\n';
   }
   out.flush();
+  reporter.finish();
   return status;
 }
 

@@ -3,8 +3,8 @@
 //
 //   corvane-checksum composite [-a ALGO] [--method text|data] [--scheme flat|tree] [--json] DIR
 //
-// Every regular file under DIR (recursively; symbolic links to regular files count, links to
-// directories are not followed) is checksummed with ALGO (default xxh64). The files are taken in
+// Every regular file under DIR (recursively; symbolic links are skipped and reported unless
+// --follow-symlinks) is checksummed with ALGO (default xxh64). The files are taken in
 // the byte order of their paths relative to DIR. The per-file checksums are then combined:
 // - flat (default): CorvaneStandardCompositeChecksumGenerator, duplicates kept, over the
 //   checksums in path order;
@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "CommonOptions.hpp"
+
 namespace corvane::tool {
 
 struct CompositeOptions {
@@ -31,7 +33,9 @@ struct CompositeOptions {
   std::string method = "data";
   std::string scheme = "flat";
   bool json = false;
+  bool followSymlinks = false;
   std::string directory;
+  CommonOptions common;
 };
 
 // Adds the subcommand to `app`; parsed values land in `options`, which must outlive `app`.
