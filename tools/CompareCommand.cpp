@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
 #include <variant>
 
 #include "ExitStatus.hpp"
@@ -293,27 +294,34 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
       files.push_back(std::move(file));
       return;
     }
+    std::ostringstream lines;
     switch (comparison.outcome) {
       case Outcome::kOk:
-        if (options.verbose) out << "ok: " << name << '\n';
+        if (options.verbose) lines << "ok: " << name << '\n';
         break;
       case Outcome::kMissing:
       case Outcome::kNew:
       case Outcome::kUnreadable:
-        out << outcomeName(comparison.outcome) << ": " << name << '\n';
+        lines << outcomeName(comparison.outcome) << ": " << name << '\n';
         break;
       case Outcome::kSizeDiffers:
-        out << "size differs: " << name << " (" << sourceSize << " != " << destinationSize
-            << " bytes)\n";
+        lines << "size differs: " << name << " (" << sourceSize << " != " << destinationSize
+              << " bytes)\n";
         break;
       case Outcome::kChecksumDiffers:
         for (const Difference& difference : comparison.differences) {
-          out << "checksum differs: " << name << " (" << difference.algorithm->tag << ' '
-              << difference.source << " != " << difference.destination << ")\n";
+          lines << "checksum differs: " << name << " (" << difference.algorithm->tag << ' '
+                << difference.source << " != " << difference.destination << ")\n";
         }
         break;
       case Outcome::kNotice:
         break;
+    }
+    if (const std::string text = lines.str(); !text.empty()) {
+      reporter.writeOutput([&] {
+        out << text;
+        if (reporter.showsProgress()) out.flush();
+      });
     }
   };
   runOrderedInParallel(entries.size(), options.common.jobs, compareEntry, report);

@@ -155,10 +155,13 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
         }
         if (document) {
           document->addFile(result);
-        } else {
-          for (const FileChecksum& entry : result.checksums) {
-            writeChecksumLine(out, lines, *entry.algorithm, item.path, entry.checksum);
-          }
+        } else if (!result.checksums.empty()) {
+          reporter.writeOutput([&] {
+            for (const FileChecksum& entry : result.checksums) {
+              writeChecksumLine(out, lines, *entry.algorithm, item.path, entry.checksum);
+            }
+            if (reporter.showsProgress()) out.flush();
+          });
         }
         if (!result.ok()) {
           out.flush();

@@ -130,10 +130,12 @@ void RunReporter::finish() {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     const auto bytes = bytesDone_.load();
     std::ostringstream line;
-    line << kProgramName << ": " << filesDone_.load() << " files, " << bytes << " bytes in "
-         << std::fixed << std::setprecision(2) << elapsed << " s ("
-         << humanBytes(elapsed > 0 ? double(bytes) / elapsed : 0.0) << "/s), " << errors_.load()
-         << " errors\n";
+    const auto files = filesDone_.load();
+    const auto errors = errors_.load();
+    line << kProgramName << ": " << files << (files == 1 ? " file, " : " files, ") << bytes
+         << (bytes == 1 ? " byte in " : " bytes in ") << std::fixed << std::setprecision(2)
+         << elapsed << " s (" << humanBytes(elapsed > 0 ? double(bytes) / elapsed : 0.0)
+         << "/s), " << errors << (errors == 1 ? " error\n" : " errors\n");
     err_ << line.str();
   }
   err_.flush();

@@ -48,6 +48,21 @@ class RunReporter {
   // "corvane-checksum: <text>", not counted.
   void message(const std::string& text);
 
+  // Runs `write`, which writes (and flushes) standard output, with the progress line cleared
+  // and kept from being redrawn meanwhile, so that output lines never run into it on a shared
+  // terminal. Without a progress line it just runs `write`.
+  template <typename Write>
+  void writeOutput(Write&& write) {
+    if (!settings_.showProgress) {
+      write();
+      return;
+    }
+    const std::lock_guard lock(mutex_);
+    clearLineLocked();
+    write();
+  }
+
+  bool showsProgress() const { return settings_.showProgress; }
   std::uint64_t errorCount() const { return errors_.load(); }
 
   // Stops the progress line and prints the summary line if asked for. Called by the destructor
