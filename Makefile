@@ -36,5 +36,13 @@ test: test-release test-asan test-tsan
 bench: build
 	bash bench/compare.sh
 
+# corvane-checksum against sha256sum, md5sum, sha1sum, sha512sum, xxhsum and rhash on a big file
+# and a tree of files (bench/cli-compare.sh; builds the library and the tool only).
+.PHONY: bench-cli
+bench-cli: deps
+	cmake --preset release
+	cmake --build --preset release -j$(JOBS) --target corvane-checksum
+	bash bench/cli-compare.sh
+
 clean:
 	rm -rf build

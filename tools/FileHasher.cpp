@@ -148,6 +148,61 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
   ::posix_fadvise(descriptor, 0, 0,
                   settings_.bypassCache ? POSIX_FADV_DONTNEED : POSIX_FADV_SEQUENTIAL);
 
+  // The size is a hint for the length of each read: a file that grows or shrinks meanwhile is
+  // still read to its end.
+  std::uint64_t remaining = regular ? static_cast<std::uint64_t>(status.st_size) : 0;
+  std::uint64_t bytesRead = 0;
+  // Reads the next chunk: its bytes, an empty buffer at the end, or null after a read error
+  // (recorded in the result).
+  auto readChunk = [&]() -> std::shared_ptr<Bytes> {
+    const std::size_t wanted =
+        remaining == 0 ? (regular ? kEndProbeSize : kChunkSize)
+                       : static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kChunkSize));
+    std::shared_ptr<Bytes> chunk = pool_->take(wanted);
+    const ssize_t got = readFully(descriptor, chunk->data(), wanted);
+    if (got < 0) {
+      result.errors.push_back(reasonFor(errno));
+      return nullptr;
+    }
+    chunk->resize(static_cast<std::size_t>(got));
+    const auto count = static_cast<std::uint64_t>(got);
+    remaining = remaining > count ? remaining - count : 0;
+    if (settings_.bypassCache && got > 0) {
+      ::posix_fadvise(descriptor, static_cast<off_t>(bytesRead), got, POSIX_FADV_DONTNEED);
+    }
+    bytesRead += count;
+    if (onBytesRead && count != 0) onBytesRead(count);
+    return chunk;
+  };
+
+  // A file of at most one chunk is hashed on this thread, one algorithm after another: handing
+  // a single chunk to other threads costs more in wake-ups than it gains, and -j keeps the
+  // processors busy with other files.
+  std::vector<SharedBytes> chunks;
+  if (regular && remaining <= kChunkSize) {
+    auto whole = readChunk();
+    if (!whole) return result;
+    auto end = whole->empty() ? whole : readChunk();
+    if (!end) return result;
+    if (end->empty()) {
+      result.size = bytesRead;
+      const SharedBytes bytes = std::move(whole);
+      for (const AlgorithmName* algorithm : algorithms_) {
+        auto text = CorvaneChecksumGenerator::generateDataChecksum(bytes, algorithm->type);
+        if (!text) {
+          result.errors.push_back("no " + std::string(algorithm->cliName) +
+                                  " checksum produced");
+          result.checksums.clear();
+          return result;
+        }
+        result.checksums.push_back({algorithm, std::move(*text)});
+      }
+      return result;
+    }
+    // The file grew while it was read: stream it like a large one.
+    chunks = {std::move(whole), std::move(end)};
+  }
+
   std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
   generators.reserve(algorithms_.size());
   for (const AlgorithmName* algorithm : algorithms_) {
@@ -157,32 +212,14 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
       return result;
     }
   }
-
-  // The size is a hint for the length of each read: a file that grows or shrinks meanwhile is
-  // still read to its end.
-  std::uint64_t remaining = regular ? static_cast<std::uint64_t>(status.st_size) : 0;
-  std::uint64_t bytesRead = 0;
-  while (true) {
-    const std::size_t wanted =
-        remaining == 0 ? (regular ? kEndProbeSize : kChunkSize)
-                       : static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kChunkSize));
-    std::shared_ptr<Bytes> chunk = pool_->take(wanted);
-    const ssize_t got = readFully(descriptor, chunk->data(), wanted);
-    if (got < 0) {
-      result.errors.push_back(reasonFor(errno));
-      break;
-    }
-    if (got == 0) break;
-    chunk->resize(static_cast<std::size_t>(got));
-    const auto count = static_cast<std::uint64_t>(got);
-    remaining = remaining > count ? remaining - count : 0;
-    if (settings_.bypassCache) {
-      ::posix_fadvise(descriptor, static_cast<off_t>(bytesRead), got, POSIX_FADV_DONTNEED);
-    }
-    bytesRead += count;
-    const SharedBytes shared = std::move(chunk);
-    for (const auto& generator : generators) generator->addDataToChecksum(shared, [] {});
-    if (onBytesRead) onBytesRead(count);
+  auto handOver = [&generators](const SharedBytes& chunk) {
+    for (const auto& generator : generators) generator->addDataToChecksum(chunk, [] {});
+  };
+  for (const SharedBytes& chunk : chunks) handOver(chunk);
+  chunks.clear();
+  while (auto chunk = readChunk()) {
+    if (chunk->empty()) break;
+    handOver(std::move(chunk));
   }
   result.size = bytesRead;
 
@@ -200,6 +237,8 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     } else {
       result.errors.push_back("no " + std::string(algorithms_[i]->cliName) +
                               " checksum produced");
+      result.checksums.clear();
+      return result;
     }
   }
   return result;
