@@ -1,12 +1,357 @@
 #include "CheckCommand.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <variant>
+
+#include "ChecksumListParser.hpp"
+#include "ExitStatus.hpp"
+#include "FileHasher.hpp"
+#include "NameEscaping.hpp"
+
 namespace corvane::tool {
+namespace {
+
+// How a list read from standard input is named in messages, as coreutils names it.
+constexpr const char* kStandardInputName = "standard input";
+
+int usageError(std::ostream& err, const std::string& message) {
+  err << kProgramName << ": " << message << "\nRun with --help for more information.\n";
+  return kExitUsage;
+}
+
+// A file name as `sha256sum -c` prints it in its result lines: as it is, unless it holds a
+// newline, which would break the line; then escaped with a leading backslash.
+std::string displayName(const std::string& path) {
+  if (path.find('\n') == std::string::npos) return path;
+  return '\\' + escapeName(path);
+}
+
+// "1 line is" / "2 lines are".
+std::string counted(std::uint64_t count, const char* singular, const char* plural) {
+  return std::to_string(count) + ' ' + (count == 1 ? singular : plural);
+}
+
+// The whole content of the list at `listPath` ("-": standard input); null with `reason` when it
+// cannot be read (a directory gives "Is a directory").
+std::optional<std::string> readList(const std::string& listPath, std::string& reason) {
+  const bool standardInput = listPath == "-";
+  const int descriptor =
+      standardInput ? STDIN_FILENO : ::open(listPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) {
+    reason = std::strerror(errno);
+    return std::nullopt;
+  }
+  std::string content;
+  char buffer[65536];
+  int error = 0;
+  while (true) {
+    const ssize_t got = ::read(descriptor, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) error = errno;
+    if (got <= 0) break;
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  if (!standardInput) ::close(descriptor);
+  if (error != 0) {
+    reason = std::strerror(error);
+    return std::nullopt;
+  }
+  return content;
+}
+
+// One line of a list that is not ignored.
+struct ListLine {
+  std::size_t number = 0;                  // from 1
+  std::optional<ChecksumListEntry> entry;  // null: improperly formatted
+  std::size_t job = 0;                     // the FileJob that reads entry->path
+};
+
+struct ChecksumList {
+  std::string name;  // as shown in messages
+  std::optional<std::string> readError;
+  std::vector<ListLine> lines;
+};
+
+// One distinct file to read, with every algorithm that its lines name.
+struct FileJob {
+  std::string path;
+  std::vector<const AlgorithmName*> algorithms;
+  const FileHasher* hasher = nullptr;
+  FileResult result;
+};
+
+// Reads and parses every list, and gathers the distinct files they name: a file named by
+// several lines (of any list) is read once.
+class ListLoader {
+ public:
+  explicit ListLoader(const AlgorithmName* gnuAlgorithm) : gnuAlgorithm_(gnuAlgorithm) {}
+
+  void load(const std::string& listPath) {
+    ChecksumList& list = lists_.emplace_back();
+    list.name = listPath == "-" ? kStandardInputName : listPath;
+    std::string reason;
+    const std::optional<std::string> content = readList(listPath, reason);
+    if (!content) {
+      list.readError = reason;
+      return;
+    }
+    std::string_view rest = *content;
+    for (std::size_t number = 1; !rest.empty(); ++number) {
+      const auto end = rest.find('\n');
+      const std::string_view text = rest.substr(0, end);
+      rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+      ParsedChecksumLine parsed = parseChecksumLine(text, gnuAlgorithm_);
+      if (std::holds_alternative<IgnoredLine>(parsed)) continue;
+      ListLine& line = list.lines.emplace_back();
+      line.number = number;
+      if (auto* entry = std::get_if<ChecksumListEntry>(&parsed)) {
+        line.job = jobFor(*entry);
+        line.entry = std::move(*entry);
+      }
+    }
+  }
+
+  // Gives every job the hasher of its algorithm set; jobs with the same set share one.
+  void assignHashers() {
+    for (FileJob& job : jobs_) {
+      std::ranges::sort(job.algorithms, std::less<>());
+      auto& hasher = hashers_[job.algorithms];
+      if (!hasher) hasher = std::make_unique<FileHasher>(job.algorithms);
+      job.hasher = hasher.get();
+    }
+  }
+
+  std::vector<ChecksumList>& lists() { return lists_; }
+  std::vector<FileJob>& jobs() { return jobs_; }
+
+ private:
+  std::size_t jobFor(const ChecksumListEntry& entry) {
+    const auto [found, added] = jobIndex_.try_emplace(entry.path, jobs_.size());
+    if (added) jobs_.emplace_back().path = entry.path;
+    FileJob& job = jobs_[found->second];
+    if (std::ranges::find(job.algorithms, entry.algorithm) == job.algorithms.end()) {
+      job.algorithms.push_back(entry.algorithm);
+    }
+    return found->second;
+  }
+
+  const AlgorithmName* gnuAlgorithm_;
+  std::vector<ChecksumList> lists_;
+  std::vector<FileJob> jobs_;
+  std::unordered_map<std::string, std::size_t> jobIndex_;
+  std::map<std::vector<const AlgorithmName*>, std::unique_ptr<FileHasher>> hashers_;
+};
+
+// Prints the result of every list line, in list order, as the files are read, and the closing
+// messages of each list.
+class ResultPrinter {
+ public:
+  ResultPrinter(const CheckOptions& options, const std::vector<ChecksumList>& lists,
+                const std::vector<FileJob>& jobs, RunReporter& reporter, std::ostream& out)
+      : options_(options), lists_(lists), jobs_(jobs), reporter_(reporter), out_(out) {}
+
+  // Prints what can be printed once the jobs before `jobsDone` have been read. Jobs are numbered
+  // in the order their files first appear, so the lines come out in list order.
+  void printReady(std::size_t jobsDone) {
+    for (; list_ < lists_.size(); ++list_, line_ = 0, counts_ = {}) {
+      const ChecksumList& list = lists_[list_];
+      for (; line_ < list.lines.size(); ++line_) {
+        const ListLine& line = list.lines[line_];
+        if (line.entry && line.job >= jobsDone) return;
+        printLine(list, line);
+      }
+      finishList(list);
+    }
+  }
+
+  int exitStatus() const {
+    if (malformed_) return kExitUsage;
+    return failed_ ? kExitFailed : kExitOk;
+  }
+
+ private:
+  struct Counts {
+    std::uint64_t entries = 0;
+    std::uint64_t improper = 0;
+    std::uint64_t matched = 0;
+    std::uint64_t mismatched = 0;
+    std::uint64_t unreadable = 0;
+  };
+
+  void printLine(const ChecksumList& list, const ListLine& line) {
+    if (!line.entry) {
+      ++counts_.improper;
+      if (options_.warn) {
+        out_.flush();
+        reporter_.message(list.name + ": " + std::to_string(line.number) +
+                          ": improperly formatted checksum line");
+      }
+      return;
+    }
+    ++counts_.entries;
+    const ChecksumListEntry& entry = *line.entry;
+    const FileResult& result = jobs_[line.job].result;
+    const std::string name = displayName(entry.path);
+    if (!result.ok()) {
+      if (options_.ignoreMissing && result.systemError == ENOENT) return;
+      ++counts_.unreadable;
+      out_.flush();
+      for (const std::string& reason : result.errors) reporter_.error(name, reason);
+      if (!options_.status) printResult(name, "FAILED open or read");
+      return;
+    }
+    const std::string* computed = result.checksumOf(entry.algorithm);
+    if (computed != nullptr && checksumsMatch(*entry.algorithm, entry.checksum, *computed)) {
+      ++counts_.matched;
+      if (!options_.status && !options_.quiet) printResult(name, "OK");
+    } else {
+      ++counts_.mismatched;
+      if (!options_.status) printResult(name, "FAILED");
+    }
+  }
+
+  // "<name>: <result>" on stdout, kept apart from the progress line.
+  void printResult(const std::string& name, const char* result) {
+    reporter_.writeOutput([&] {
+      out_ << name << ": " << result << '\n';
+      if (reporter_.showsProgress()) out_.flush();
+    });
+  }
+
+  void finishList(const ChecksumList& list) {
+    out_.flush();
+    if (list.readError) {
+      reporter_.error(list.name, *list.readError);
+      failed_ = true;
+      return;
+    }
+    if (counts_.entries == 0) {
+      reporter_.message(list.name + ": no properly formatted checksum lines found");
+      malformed_ = true;
+      return;
+    }
+    // In the order coreutils prints them.
+    if (!options_.status) {
+      if (counts_.improper != 0) {
+        reporter_.message("WARNING: " + counted(counts_.improper, "line is", "lines are") +
+                          " improperly formatted");
+      }
+      if (counts_.unreadable != 0) {
+        reporter_.message("WARNING: " + counted(counts_.unreadable, "listed file", "listed files") +
+                          " could not be read");
+      }
+      if (counts_.mismatched != 0) {
+        reporter_.message(
+            "WARNING: " + counted(counts_.mismatched, "computed checksum", "computed checksums") +
+            " did NOT match");
+      }
+    }
+    if (counts_.unreadable != 0 || counts_.mismatched != 0) failed_ = true;
+    if (options_.ignoreMissing && counts_.matched == 0) {
+      reporter_.message(list.name + ": no file was verified");
+      failed_ = true;
+    }
+    if (options_.strict && counts_.improper != 0) malformed_ = true;
+  }
+
+  const CheckOptions& options_;
+  const std::vector<ChecksumList>& lists_;
+  const std::vector<FileJob>& jobs_;
+  RunReporter& reporter_;
+  std::ostream& out_;
+  std::size_t list_ = 0;
+  std::size_t line_ = 0;
+  Counts counts_;
+  bool failed_ = false;
+  bool malformed_ = false;
+};
+
+}  // namespace
+
 CLI::App* addCheckCommand(CLI::App& app, CheckOptions& options) {
-  auto* c = app.add_subcommand("check", "Verify files against checksum lists");
-  c->add_option("LISTFILE", options.lists)->required();
-  return c;
+  CLI::App* check = app.add_subcommand("check", "Verify files against checksum lists");
+  check
+      ->add_option("-a,--algorithm", options.algorithm,
+                   "Algorithm of untagged '<checksum>  <path>' lines (default: from the length "
+                   "of the checksum). Known: " +
+                       knownAlgorithmNames())
+      ->type_name("ALGO");
+  check->add_flag("--quiet", options.quiet, "Do not print OK lines");
+  check->add_flag("--status", options.status,
+                  "Print nothing on stdout and no warnings; the exit status tells");
+  check->add_flag("--strict", options.strict, "Fail (exit 2) when a line is improperly formatted");
+  check->add_flag("-w,--warn", options.warn, "Report each improperly formatted line");
+  check->add_flag("--ignore-missing", options.ignoreMissing,
+                  "Neither report nor count files that do not exist");
+  check
+      ->add_option("LISTFILE", options.lists,
+                   "Checksum lists ('-': standard input), as written by hash, sha*sum, md5sum "
+                   "or xxhsum")
+      ->required()
+      ->type_name("");
+  addCommonOptions(*check, options.common);
+  check->footer(
+      "Lines: '<checksum>  <path>', '<checksum> *<path>' or '<TAG> (<path>) = <checksum>', "
+      "escaped when they start with '\\'; '#' comments and empty lines are ignored. Output per "
+      "line: '<path>: OK', '<path>: FAILED' or '<path>: FAILED open or read'.\n"
+      "Exit status: 0 every listed file matched, 1 a mismatch, a missing or unreadable file or "
+      "list, or nothing verified, 2 usage error, a list without properly formatted lines or "
+      "(--strict) an improperly formatted line.");
+  return check;
 }
-int runCheckCommand(const CheckOptions&, std::ostream&, std::ostream& err) {
-  err << "check: not built yet\n";
-  return 2;
+
+int runCheckCommand(const CheckOptions& options, std::ostream& out, std::ostream& err) {
+  const AlgorithmName* gnuAlgorithm = nullptr;
+  if (!options.algorithm.empty()) {
+    auto parsed = parseAlgorithmList({options.algorithm});
+    if (const auto* error = std::get_if<AlgorithmListError>(&parsed)) {
+      return usageError(err, error->message);
+    }
+    const auto& algorithms = std::get<std::vector<const AlgorithmName*>>(parsed);
+    if (algorithms.size() != 1) return usageError(err, "check takes one algorithm with -a");
+    gnuAlgorithm = algorithms.front();
+  }
+  if (options.lists.empty()) return usageError(err, "no LISTFILE given");
+
+  ListLoader loader(gnuAlgorithm);
+  for (const std::string& list : options.lists) loader.load(list);
+  loader.assignHashers();
+  std::vector<FileJob>& jobs = loader.jobs();
+
+  RunReporter reporter(options.common.reportSettings(), err);
+  std::uint64_t byteCount = 0;
+  for (const FileJob& job : jobs) {
+    struct stat status {};
+    if (::stat(job.path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+      byteCount += static_cast<std::uint64_t>(status.st_size);
+    }
+  }
+  reporter.setTotals(jobs.size(), byteCount);
+
+  ResultPrinter printer(options, loader.lists(), jobs, reporter, out);
+  runOrderedInParallel(
+      jobs.size(), options.common.jobs,
+      [&](std::size_t i) {
+        jobs[i].result = jobs[i].hasher->hash(
+            jobs[i].path, [&reporter](std::uint64_t count) { reporter.addBytes(count); });
+        reporter.fileDone();
+      },
+      [&](std::size_t i) { printer.printReady(i + 1); });
+  printer.printReady(jobs.size());
+
+  out.flush();
+  reporter.finish();
+  return printer.exitStatus();
 }
+
 }  // namespace corvane::tool

@@ -1,7 +1,6 @@
 #include "ChecksumListParser.hpp"
 
 #include <algorithm>
-#include <array>
 
 #include "NameEscaping.hpp"
 
@@ -14,6 +13,8 @@ constexpr std::string_view kBase58Digits =
 constexpr std::size_t kC4Length = 90;
 constexpr std::size_t kCrc32Digits = 8;
 
+char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
 bool isHex(std::string_view text) {
   return !text.empty() && text.find_first_not_of(kHexDigits) == std::string_view::npos;
 }
@@ -25,24 +26,17 @@ bool isC4Id(std::string_view text) {
 
 // Hex digits of the algorithm's checksum; 0 for C4, which is not hex.
 std::size_t hexDigitsOf(const AlgorithmName& algorithm) {
-  switch (algorithm.type) {
-    case ChecksumTypeMD5:
-    case ChecksumTypeXXHashH3128:
-      return 32;
-    case ChecksumTypeSHA1:
-      return 40;
-    case ChecksumTypeSHA256:
-      return 64;
-    case ChecksumTypeSHA512:
-      return 128;
-    case ChecksumTypeCRC32:
-      return kCrc32Digits;
-    case ChecksumTypeXXHash64:
-    case ChecksumTypeXXHashH364:
-      return 16;
-    default:
-      return 0;
+  struct Length {
+    std::string_view name;
+    std::size_t digits;
+  };
+  static constexpr Length kLengths[] = {{"md5", 32},     {"sha1", 40},           {"sha256", 64},
+                                        {"sha512", 128}, {"xxh64", 16},          {"xxh3", 16},
+                                        {"xxh128", 32},  {"crc32", kCrc32Digits}};
+  for (const Length& length : kLengths) {
+    if (length.name == algorithm.cliName) return length.digits;
   }
+  return 0;
 }
 
 // Whether `text` is a checksum of `algorithm`. A CRC-32 may be shorter than 8 digits (leading
@@ -76,9 +70,7 @@ const AlgorithmName* findTag(std::string_view tag) {
 std::string normalizedChecksum(const AlgorithmName& algorithm, std::string_view text) {
   std::string checksum(text);
   if (algorithm.type != ChecksumTypeC4) {
-    std::ranges::transform(checksum, checksum.begin(), [](char c) {
-      return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
+    std::ranges::transform(checksum, checksum.begin(), asciiLower);
   }
   return checksum;
 }
@@ -145,12 +137,7 @@ ParsedChecksumLine parseChecksumLine(std::string_view line, const AlgorithmName*
 bool checksumsMatch(const AlgorithmName& algorithm, std::string_view expected,
                     std::string_view computed) {
   if (algorithm.type == ChecksumTypeC4) return expected == computed;
-  const auto sameDigit = [](char a, char b) {
-    const auto lower = [](char c) {
-      return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    };
-    return lower(a) == lower(b);
-  };
+  const auto sameDigit = [](char a, char b) { return asciiLower(a) == asciiLower(b); };
   if (algorithm.type == ChecksumTypeCRC32) {
     expected = withoutLeadingZeros(expected);
     computed = withoutLeadingZeros(computed);

@@ -23,7 +23,6 @@ constexpr std::size_t kEndProbeSize = std::size_t{64} << 10;
 // Free buffers kept for reuse; more are released.
 constexpr std::size_t kPooledBufferLimit = 64;
 
-std::string reasonFor(int error) { return std::strerror(error); }
 
 // Reads until `length` bytes arrived or the end of the file; the count read, or -1 with errno.
 ssize_t readFully(int descriptor, std::uint8_t* into, std::size_t length) {
@@ -102,6 +101,11 @@ class ChunkPool : public std::enable_shared_from_this<ChunkPool> {
   std::vector<std::unique_ptr<Bytes>> free_;
 };
 
+void FileResult::addSystemError(int error) {
+  if (systemError == 0) systemError = error;
+  errors.push_back(std::strerror(error));
+}
+
 const std::string* FileResult::checksumOf(const AlgorithmName* algorithm) const {
   for (const FileChecksum& entry : checksums) {
     if (entry.algorithm == algorithm) return &entry.checksum;
@@ -125,7 +129,7 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
   const char* openPath = path == "-" ? "/dev/stdin" : path.c_str();
   const int descriptor = ::open(openPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) {
-    result.errors.push_back(reasonFor(errno));
+    result.addSystemError(errno);
     return result;
   }
   struct DescriptorCloser {
@@ -135,11 +139,11 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
 
   struct stat status {};
   if (::fstat(descriptor, &status) != 0) {
-    result.errors.push_back(reasonFor(errno));
+    result.addSystemError(errno);
     return result;
   }
   if (S_ISDIR(status.st_mode)) {
-    result.errors.push_back(reasonFor(EISDIR));
+    result.addSystemError(EISDIR);
     return result;
   }
   const bool regular = S_ISREG(status.st_mode);
@@ -161,7 +165,7 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     std::shared_ptr<Bytes> chunk = pool_->take(wanted);
     const ssize_t got = readFully(descriptor, chunk->data(), wanted);
     if (got < 0) {
-      result.errors.push_back(reasonFor(errno));
+      result.addSystemError(errno);
       return nullptr;
     }
     chunk->resize(static_cast<std::size_t>(got));

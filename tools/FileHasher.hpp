@@ -40,8 +40,12 @@ struct FileResult {
   std::vector<FileChecksum> checksums;
   // Human-readable reasons ("No such file or directory", "Input/output error").
   std::vector<std::string> errors;
+  // The errno of the first failure that came from the system (ENOENT for a missing file), or 0.
+  int systemError = 0;
 
   bool ok() const { return errors.empty(); }
+  // Records a failure of the system with its strerror() text.
+  void addSystemError(int error);
   // The checksum of `algorithm`, or null.
   const std::string* checksumOf(const AlgorithmName* algorithm) const;
 };

@@ -1,0 +1,255 @@
+// Unit tests of the checksum list line parser of corvane-checksum check: the GNU and tag line
+// forms, escaped names, comments, CRLF endings, algorithm detection and checksum comparison.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "ChecksumListParser.hpp"
+
+namespace {
+
+using corvane::tool::AlgorithmName;
+using corvane::tool::ChecksumListEntry;
+using corvane::tool::checksumsMatch;
+using corvane::tool::findAlgorithm;
+using corvane::tool::IgnoredLine;
+using corvane::tool::ImproperLine;
+using corvane::tool::parseChecksumLine;
+
+const std::string kMd5 = "d41d8cd98f00b204e9800998ecf8427e";
+const std::string kSha1 = "da39a3ee5e6b4b0d3255bfef95601890afd80709";
+const std::string kSha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+const std::string kSha512 =
+    "cf83e1357eefb8bdf1542850d66d8007d620e4050b5715dc83f4a921d36ce9ce"
+    "47d0d13c5d85f2b0ff8318d2877eec2f63b931bd47417a81a538327af927da3e";
+const std::string kXxh64 = "ef46db3751d8e999";
+const std::string kCrc32 = "d202d277";
+const std::string kC4 =
+    "c459dsjfscH38cYeXXYogktxf4Cd9ibshE3BHUo6a58hBXmRQdZrAkZzsWcbWtDg5oQstpDuni4Hirj75GEmTc1sFT";
+
+const AlgorithmName* algorithm(const char* name) { return findAlgorithm(name); }
+
+// The entry of `line`, or null when it is ignored or improperly formatted.
+std::optional<ChecksumListEntry> entryOf(std::string_view line,
+                                         const AlgorithmName* gnuAlgorithm = nullptr) {
+  auto parsed = parseChecksumLine(line, gnuAlgorithm);
+  if (auto* entry = std::get_if<ChecksumListEntry>(&parsed)) return *entry;
+  return std::nullopt;
+}
+
+bool isImproper(std::string_view line, const AlgorithmName* gnuAlgorithm = nullptr) {
+  return std::holds_alternative<ImproperLine>(parseChecksumLine(line, gnuAlgorithm));
+}
+
+bool isIgnored(std::string_view line) {
+  return std::holds_alternative<IgnoredLine>(parseChecksumLine(line, nullptr));
+}
+
+TEST(ChecksumListParser, GnuLineAlgorithmComesFromChecksumLength) {
+  const std::pair<std::string, const char*> cases[] = {
+      {kMd5, "md5"},     {kSha1, "sha1"},   {kSha256, "sha256"}, {kSha512, "sha512"},
+      {kXxh64, "xxh64"}, {kCrc32, "crc32"}, {kC4, "c4"},
+  };
+  for (const auto& [checksum, name] : cases) {
+    SCOPED_TRACE(name);
+    const auto entry = entryOf(checksum + "  some file.txt");
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_EQ(entry->algorithm, algorithm(name));
+    EXPECT_EQ(entry->checksum, checksum);
+    EXPECT_EQ(entry->path, "some file.txt");
+  }
+}
+
+TEST(ChecksumListParser, BinaryMarkIsNotPartOfTheName) {
+  const auto entry = entryOf(kSha256 + " *file.bin");
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->path, "file.bin");
+  EXPECT_EQ(entry->algorithm, algorithm("sha256"));
+}
+
+TEST(ChecksumListParser, NameStartsRightAfterTheTwoCharacterSeparator) {
+  EXPECT_EQ(entryOf(kMd5 + "   leading space")->path, " leading space");
+  EXPECT_EQ(entryOf(kMd5 + "  *star")->path, "*star");
+  EXPECT_EQ(entryOf(kMd5 + " **two")->path, "*two");
+  EXPECT_EQ(entryOf(kMd5 + "  trailing space ")->path, "trailing space ");
+}
+
+TEST(ChecksumListParser, UnescapedNamesAreTakenByteForByte) {
+  EXPECT_EQ(entryOf(kMd5 + "  back\\slash")->path, "back\\slash");
+  EXPECT_EQ(entryOf(kMd5 + "  caf\xc3\xa9 \xff.bin")->path, "caf\xc3\xa9 \xff.bin");
+  EXPECT_EQ(entryOf("MD5 (tab\there) = " + kMd5)->path, "tab\there");
+}
+
+TEST(ChecksumListParser, HexDigitsInUpperCaseAreLowerCased) {
+  const auto gnu = entryOf("D41D8CD98F00B204E9800998ECF8427E  f");
+  ASSERT_TRUE(gnu.has_value());
+  EXPECT_EQ(gnu->checksum, kMd5);
+  const auto tag = entryOf("XXH64 (f) = EF46DB3751D8E999");
+  ASSERT_TRUE(tag.has_value());
+  EXPECT_EQ(tag->checksum, kXxh64);
+}
+
+TEST(ChecksumListParser, TagLinesOfEveryAlgorithmAreRead) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"MD5", kMd5},       {"SHA1", kSha1},   {"SHA256", kSha256},
+      {"SHA512", kSha512}, {"CRC32", kCrc32}, {"XXH64", kXxh64},
+      {"XXH3", kXxh64},    {"XXH128", kMd5},  {"C4", kC4},
+  };
+  for (const auto& [tag, checksum] : cases) {
+    SCOPED_TRACE(tag);
+    const auto entry = entryOf(tag + " (dir/a b.txt) = " + checksum);
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_EQ(entry->algorithm->tag, tag);
+    EXPECT_EQ(entry->checksum, checksum);
+    EXPECT_EQ(entry->path, "dir/a b.txt");
+  }
+}
+
+TEST(ChecksumListParser, TagLineNameMayHoldParenthesesAndEquals) {
+  const auto entry = entryOf("SHA1 (a) = b (c) = d) = " + kSha1);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->path, "a) = b (c) = d");
+  EXPECT_EQ(entry->checksum, kSha1);
+}
+
+TEST(ChecksumListParser, TagLinesIgnoreTheForcedAlgorithm) {
+  const auto entry = entryOf("SHA256 (f) = " + kSha256, algorithm("md5"));
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->algorithm, algorithm("sha256"));
+}
+
+TEST(ChecksumListParser, TagLineChecksumMustFitItsTag) {
+  EXPECT_TRUE(isImproper("SHA256 (f) = " + kMd5));
+  EXPECT_TRUE(isImproper("MD5 (f) = " + kMd5 + "0"));
+  EXPECT_TRUE(isImproper("XXH128 (f) = " + kXxh64));
+  EXPECT_TRUE(isImproper("C4 (f) = " + kSha256));
+  EXPECT_TRUE(isImproper("MD5 (f) = " + kMd5 + " "));
+}
+
+TEST(ChecksumListParser, EscapedLinesHaveTheirNamesUnescaped) {
+  const auto gnu = entryOf("\\" + kMd5 + "  new\\nline\\\\back\\rreturn");
+  ASSERT_TRUE(gnu.has_value());
+  EXPECT_EQ(gnu->path, "new\nline\\back\rreturn");
+  const auto tag = entryOf("\\SHA1 (a\\\\b) = " + kSha1);
+  ASSERT_TRUE(tag.has_value());
+  EXPECT_EQ(tag->path, "a\\b");
+  EXPECT_EQ(tag->algorithm, algorithm("sha1"));
+}
+
+TEST(ChecksumListParser, EscapedLineWithAnUnknownEscapeIsImproper) {
+  EXPECT_TRUE(isImproper("\\" + kMd5 + "  a\\tb"));
+  EXPECT_TRUE(isImproper("\\" + kMd5 + "  trailing\\"));
+}
+
+TEST(ChecksumListParser, CommentsAndEmptyLinesAreIgnored) {
+  EXPECT_TRUE(isIgnored(""));
+  EXPECT_TRUE(isIgnored("\r"));
+  EXPECT_TRUE(isIgnored("# " + kMd5 + "  f"));
+  EXPECT_TRUE(isIgnored("#\r"));
+  EXPECT_FALSE(isIgnored(" "));
+}
+
+TEST(ChecksumListParser, OneTrailingCarriageReturnIsDroppedEscapedOrNot) {
+  EXPECT_EQ(entryOf(kMd5 + "  crlf\r")->path, "crlf");
+  EXPECT_EQ(entryOf(kMd5 + "  two\r\r")->path, "two\r");
+  EXPECT_EQ(entryOf("\\" + kMd5 + "  a\\\\b\r")->path, "a\\b");
+  EXPECT_EQ(entryOf("\\" + kMd5 + "  cr\\r\r")->path, "cr\r");
+  EXPECT_EQ(entryOf("MD5 (f) = " + kMd5 + "\r")->checksum, kMd5);
+}
+
+TEST(ChecksumListParser, ForcedAlgorithmDecidesGnuLines) {
+  const auto xxh3 = entryOf(kXxh64 + "  f", algorithm("xxh3"));
+  ASSERT_TRUE(xxh3.has_value());
+  EXPECT_EQ(xxh3->algorithm, algorithm("xxh3"));
+  const auto xxh128 = entryOf(kMd5 + "  f", algorithm("xxh128"));
+  ASSERT_TRUE(xxh128.has_value());
+  EXPECT_EQ(xxh128->algorithm, algorithm("xxh128"));
+  EXPECT_EQ(entryOf(kC4 + "  f", algorithm("c4"))->algorithm, algorithm("c4"));
+}
+
+TEST(ChecksumListParser, ForcedAlgorithmRejectsChecksumsOfAnotherLength) {
+  EXPECT_TRUE(isImproper(kMd5 + "  f", algorithm("sha256")));
+  EXPECT_TRUE(isImproper(kSha256 + "  f", algorithm("xxh3")));
+  EXPECT_TRUE(isImproper(kSha512 + "  f", algorithm("c4")));
+  EXPECT_TRUE(isImproper(kC4 + "  f", algorithm("sha512")));
+}
+
+TEST(ChecksumListParser, Xxh3AndXxh128AreNeverGuessedFromTheLength) {
+  EXPECT_EQ(entryOf(kXxh64 + "  f")->algorithm, algorithm("xxh64"));
+  EXPECT_EQ(entryOf(kMd5 + "  f")->algorithm, algorithm("md5"));
+}
+
+TEST(ChecksumListParser, ShortCrc32IsReadOnlyWhereTheAlgorithmIsKnown) {
+  // Leading zeros of CRC-32 checksums are not printed, so "c103d73" is a whole checksum.
+  EXPECT_TRUE(isImproper("c103d73  f"));
+  const auto forced = entryOf("c103d73  f", algorithm("crc32"));
+  ASSERT_TRUE(forced.has_value());
+  EXPECT_EQ(forced->algorithm, algorithm("crc32"));
+  EXPECT_EQ(forced->checksum, "c103d73");
+  EXPECT_EQ(entryOf("0  f", algorithm("crc32"))->checksum, "0");
+  EXPECT_EQ(entryOf("CRC32 (f) = C103D73")->checksum, "c103d73");
+  EXPECT_TRUE(isImproper("CRC32 (f) = 1d202d277"));
+  EXPECT_TRUE(isImproper("1d202d277  f", algorithm("crc32")));
+}
+
+TEST(ChecksumListParser, C4IdMustBeBase58AfterItsPrefix) {
+  std::string withZero = kC4;
+  withZero[10] = '0';
+  EXPECT_TRUE(isImproper(withZero + "  f"));
+  EXPECT_TRUE(isImproper("C4 (f) = " + withZero));
+  std::string withCapitalPrefix = kC4;
+  withCapitalPrefix[0] = 'C';
+  EXPECT_TRUE(isImproper(withCapitalPrefix + "  f"));
+  // Case matters in base 58: the ID is kept as written.
+  EXPECT_EQ(entryOf("C4 (f) = " + kC4)->checksum, kC4);
+}
+
+TEST(ChecksumListParser, MalformedLinesAreImproper) {
+  EXPECT_TRUE(isImproper(kMd5 + " f"));    // one space
+  EXPECT_TRUE(isImproper(kMd5 + "\tf"));   // tab
+  EXPECT_TRUE(isImproper(kMd5 + "  "));    // no name
+  EXPECT_TRUE(isImproper(kMd5));           // nothing after the checksum
+  EXPECT_TRUE(isImproper(kMd5 + "0  f"));  // 33 digits
+  std::string notHex = kMd5;
+  notHex[0] = 'g';
+  EXPECT_TRUE(isImproper(notHex + "  f"));
+  EXPECT_TRUE(isImproper("abc  f"));                   // no algorithm has 3 digits
+  EXPECT_TRUE(isImproper(" " + kMd5 + "  f"));         // leading space
+  EXPECT_TRUE(isImproper("sha256 (f) = " + kSha256));  // tags are upper case
+  EXPECT_TRUE(isImproper("SHA384 (f) = " + kSha256));  // unknown tag
+  EXPECT_TRUE(isImproper("SHA256 () = " + kSha256));   // empty name
+  EXPECT_TRUE(isImproper("SHA256 (f)= " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 (f) =" + kSha256));
+  EXPECT_TRUE(isImproper("junk"));
+  EXPECT_TRUE(isImproper(kMd5 + std::string("  nul\0byte", 10)));
+}
+
+TEST(ChecksumListParser, HexChecksumsMatchWithoutRegardToCase) {
+  const AlgorithmName& md5 = *algorithm("md5");
+  EXPECT_TRUE(checksumsMatch(md5, kMd5, kMd5));
+  EXPECT_TRUE(checksumsMatch(md5, "D41D8CD98F00B204E9800998ECF8427E", kMd5));
+  EXPECT_FALSE(checksumsMatch(md5, kMd5, "d41d8cd98f00b204e9800998ecf8427f"));
+  EXPECT_FALSE(checksumsMatch(md5, kMd5, kMd5.substr(1)));
+}
+
+TEST(ChecksumListParser, Crc32ChecksumsMatchAsNumbers) {
+  const AlgorithmName& crc32 = *algorithm("crc32");
+  EXPECT_TRUE(checksumsMatch(crc32, "0c103d73", "c103d73"));
+  EXPECT_TRUE(checksumsMatch(crc32, "c103d73", "c103d73"));
+  EXPECT_TRUE(checksumsMatch(crc32, "00000000", "0"));
+  EXPECT_TRUE(checksumsMatch(crc32, "0", "0"));
+  EXPECT_FALSE(checksumsMatch(crc32, "c103d730", "c103d73"));
+  EXPECT_FALSE(checksumsMatch(crc32, "1", "0"));
+}
+
+TEST(ChecksumListParser, C4IdsMatchOnlyExactly) {
+  const AlgorithmName& c4 = *algorithm("c4");
+  EXPECT_TRUE(checksumsMatch(c4, kC4, kC4));
+  std::string otherCase = kC4;
+  otherCase[4] = 'D';  // 'd' in kC4
+  EXPECT_FALSE(checksumsMatch(c4, otherCase, kC4));
+}
+
+}  // namespace
