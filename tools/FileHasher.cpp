@@ -125,9 +125,10 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
   result.path = path;
   // O_NONBLOCK keeps the open from hanging on a FIFO without a writer; it is cleared below for
   // anything but a regular file (where it has no effect).
-  // "-" names standard input, as for the coreutils tools.
-  const char* openPath = path == "-" ? "/dev/stdin" : path.c_str();
-  const int descriptor = ::open(openPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // "-" names standard input, as for the coreutils tools: read from where it stands (reopening
+  // /dev/stdin would start a regular file over and fails on another user's pipe).
+  const int descriptor = path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                     : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) {
     result.addSystemError(errno);
     return result;

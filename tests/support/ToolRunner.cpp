@@ -61,6 +61,24 @@ RunResult runTool(const std::vector<std::string>& arguments, const std::string& 
   return runShell(command, scratch.path() / "stderr");
 }
 
+std::string toolCommand(const std::vector<std::string>& arguments, const std::string& prefix) {
+  std::string command = prefix + shellQuote(kToolPath);
+  for (const auto& argument : arguments) {
+    command += ' ';
+    command += shellQuote(argument);
+  }
+  return command;
+}
+
+RunResult runToolWithInput(const std::filesystem::path& directory,
+                           const std::vector<std::string>& arguments, const std::string& input) {
+  ScratchDirectory scratch;
+  const std::string inputPath = scratch.writeText("stdin", input);
+  return runShell("cd " + shellQuote(directory.string()) + " && " + toolCommand(arguments) + " <" +
+                      shellQuote(inputPath),
+                  scratch.path() / "stderr");
+}
+
 bool haveProgram(const std::string& name) {
   return runShell("command -v " + name + " >/dev/null 2>&1").status == 0;
 }

@@ -44,6 +44,15 @@ RunResult runShell(const std::string& command, const std::filesystem::path& errP
 // that runs it as another user).
 RunResult runTool(const std::vector<std::string>& arguments, const std::string& prefix = "");
 
+// The shell command line that runs the tool with `arguments`, each one quoted; `prefix` as for
+// runTool.
+std::string toolCommand(const std::vector<std::string>& arguments, const std::string& prefix = "");
+
+// Runs the tool with `arguments` in the working directory `directory`, with standard input read
+// from a file holding `input`; stderr is captured through a file.
+RunResult runToolWithInput(const std::filesystem::path& directory,
+                           const std::vector<std::string>& arguments, const std::string& input);
+
 // Whether the shell finds a program called `name`.
 bool haveProgram(const std::string& name);
 

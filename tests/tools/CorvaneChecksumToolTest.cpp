@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -79,11 +80,6 @@ const std::map<std::string, std::string> kTags = {
     {"md5", "MD5"},       {"sha1", "SHA1"},     {"sha256", "SHA256"},
     {"sha512", "SHA512"}, {"crc32", "CRC32"},   {"xxh64", "XXH64"},
     {"xxh3", "XXH3"},     {"xxh128", "XXH128"}, {"c4", "C4"}};
-const std::map<std::string, std::string> kLibraryNames = {
-    {"md5", "MD5"},          {"sha1", "SHA-1"},        {"sha256", "SHA-2 256"},
-    {"sha512", "SHA-2 512"}, {"crc32", "CRC-32"},      {"xxh64", "xxHash64"},
-    {"xxh3", "xxHash3-64"},  {"xxh128", "xxHash-128"}, {"c4", "C4"}};
-
 // Deterministic bytes that are not a short repeating pattern (a 64-bit LCG's top byte).
 std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
   std::string bytes(size, '\0');
@@ -211,7 +207,7 @@ TEST(CorvaneChecksumTool, AllAlgorithmsMatchReferencesAcrossReadChunks) {
   EXPECT_EQ(run.out, expected);
 }
 
-TEST(CorvaneChecksumTool, JsonListsPathAlgorithmNameAndChecksum) {
+TEST(CorvaneChecksumTool, JsonDocumentListsAlgorithmsFilesChecksumsAndTotals) {
   SKIP_WITHOUT_REFERENCES();
   ScratchDirectory scratch;
   const std::vector<std::string> files = {scratch.writeText("one", "1"),
@@ -221,29 +217,45 @@ TEST(CorvaneChecksumTool, JsonListsPathAlgorithmNameAndChecksum) {
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, "");
   const nlohmann::json parsed = nlohmann::json::parse(run.out);
-  ASSERT_TRUE(parsed.is_array());
-  ASSERT_EQ(parsed.size(), files.size() * algorithms.size());
-  std::size_t index = 0;
-  for (const auto& file : files) {
+  ASSERT_TRUE(parsed.is_object());
+  EXPECT_EQ(parsed.size(), 3u);
+  EXPECT_EQ(parsed.at("algorithms"), nlohmann::json(algorithms));
+  const nlohmann::json& entries = parsed.at("files");
+  ASSERT_TRUE(entries.is_array());
+  ASSERT_EQ(entries.size(), files.size());
+  for (std::size_t index = 0; index < files.size(); ++index) {
+    const nlohmann::json& entry = entries[index];
+    ASSERT_TRUE(entry.is_object());
+    EXPECT_EQ(entry.at("path"), files[index]);
+    EXPECT_EQ(entry.at("size"), index + 1);
+    EXPECT_TRUE(entry.at("modified").is_string());
+    EXPECT_FALSE(entry.contains("error"));
+    const nlohmann::json& checksums = entry.at("checksums");
+    ASSERT_TRUE(checksums.is_object());
+    EXPECT_EQ(checksums.size(), algorithms.size());
     for (const auto& algorithm : algorithms) {
-      const nlohmann::json& entry = parsed[index++];
-      ASSERT_TRUE(entry.is_object());
-      EXPECT_EQ(entry.size(), 3u);
-      EXPECT_EQ(entry.at("path"), file);
-      EXPECT_EQ(entry.at("algorithm"), kLibraryNames.at(algorithm));
-      EXPECT_EQ(entry.at("checksum"), reference(algorithm, file));
+      EXPECT_EQ(checksums.at(algorithm), reference(algorithm, files[index])) << algorithm;
     }
   }
+  EXPECT_EQ(parsed.at("totals"),
+            nlohmann::json({{"files", 2}, {"hashed", 2}, {"errors", 0}, {"bytes", 3}}));
   // Pretty-printed with two spaces of indentation.
-  EXPECT_EQ(run.out.rfind("[\n  {\n    \"", 0), 0u) << run.out;
+  EXPECT_EQ(run.out.rfind("{\n  \"", 0), 0u) << run.out;
 }
 
-TEST(CorvaneChecksumTool, JsonOfOnlyFailedFilesIsEmptyArray) {
+TEST(CorvaneChecksumTool, JsonOfOnlyFailedFilesHasOnlyErrorEntries) {
   SKIP_WITHOUT_TOOL();
   ScratchDirectory scratch;
-  const RunResult run = runTool({"hash", "--json", (scratch.path() / "missing").string()});
+  const std::string missing = (scratch.path() / "missing").string();
+  const RunResult run = runTool({"hash", "--json", missing});
   EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json::array());
+  EXPECT_EQ(run.err, "corvane-checksum: " + missing + ": No such file or directory\n");
+  const nlohmann::json expected = {
+      {"algorithms", {"xxh64"}},
+      {"files",
+       nlohmann::json::array({{{"path", missing}, {"error", "No such file or directory"}}})},
+      {"totals", {{"files", 1}, {"hashed", 0}, {"errors", 1}, {"bytes", 0}}}};
+  EXPECT_EQ(nlohmann::json::parse(run.out), expected) << run.out;
 }
 
 TEST(CorvaneChecksumTool, MissingFileIsReportedAndOtherFilesStillPrinted) {
@@ -361,6 +373,51 @@ TEST(CorvaneChecksumTool, VersionPrintsLibraryVersionText) {
   const RunResult run = runTool({"--version"});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, std::string(corvane::CorvaneSecurityVersionString) + "\n");
+}
+
+// The options each command documents, as they must appear in its --help text.
+const std::map<std::string, std::vector<std::string>> kDocumentedOptions = {
+    {"hash",
+     {"-a", "--algorithm", "-r", "--recursive", "--follow-symlinks", "--files-from", "-0", "--null",
+      "--tag", "--json", "-z", "--zero"}},
+    {"check",
+     {"-a", "--algorithm", "--quiet", "--status", "--strict", "-w", "--warn", "--ignore-missing"}},
+    {"compare",
+     {"-a", "--algorithm", "--follow-symlinks", "--no-cache", "-v", "--verbose", "--json"}},
+    {"composite", {"-a", "--algorithm", "--method", "--scheme", "--json", "--follow-symlinks"}},
+};
+const std::vector<std::string> kCommonOptions = {"-j",        "--jobs", "--no-progress",
+                                                 "--summary", "-h",     "--help"};
+
+TEST(CorvaneChecksumTool, HelpOfToolNamesEveryCommandAndExitsZero) {
+  SKIP_WITHOUT_TOOL();
+  for (const auto& arguments :
+       {std::vector<std::string>{"--help"}, std::vector<std::string>{"-h"}}) {
+    const RunResult run = runTool(arguments);
+    EXPECT_EQ(run.status, 0) << arguments[0];
+    EXPECT_EQ(run.err, "") << arguments[0];
+    for (const auto& [command, options] : kDocumentedOptions) {
+      EXPECT_NE(run.out.find(command), std::string::npos) << command << " in\n" << run.out;
+    }
+    EXPECT_NE(run.out.find("--version"), std::string::npos) << run.out;
+  }
+}
+
+TEST(CorvaneChecksumTool, HelpOfEveryCommandNamesItsOptionsAndExitsZero) {
+  SKIP_WITHOUT_TOOL();
+  for (const auto& [command, options] : kDocumentedOptions) {
+    SCOPED_TRACE(command + " --help");
+    const RunResult run = runTool({command, "--help"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    std::vector<std::string> expected = options;
+    expected.insert(expected.end(), kCommonOptions.begin(), kCommonOptions.end());
+    for (const auto& option : expected) {
+      // An option stands as a word of its own: not followed by another letter of a longer name.
+      const std::regex word("(^|[^-A-Za-z0-9])" + option + "([^-A-Za-z0-9]|$)");
+      EXPECT_TRUE(std::regex_search(run.out, word)) << option << " in\n" << run.out;
+    }
+  }
 }
 
 // The built-in sample's 1 MiB file: the top byte of a 32-bit LCG with the Numerical Recipes
