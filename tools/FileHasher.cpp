@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "corvane/CorvaneChecksumGenerator.hpp"
+#include "corvane/Exception.hpp"
 
 namespace corvane::tool {
 
@@ -20,9 +21,11 @@ namespace {
 constexpr std::size_t kChunkSize = std::size_t{1} << 20;
 // The read that confirms the end of a file whose size was reached.
 constexpr std::size_t kEndProbeSize = std::size_t{64} << 10;
+// Pieces in which a small file is read and hashed on the calling thread: small enough to stay
+// in the processor's own cache between the read and the hashing.
+constexpr std::int64_t kCachedPieceSize = std::int64_t{128} << 10;
 // Free buffers kept for reuse; more are released.
 constexpr std::size_t kPooledBufferLimit = 64;
-
 
 // Reads until `length` bytes arrived or the end of the file; the count read, or -1 with errno.
 ssize_t readFully(int descriptor, std::uint8_t* into, std::size_t length) {
@@ -123,6 +126,22 @@ FileHasher::~FileHasher() = default;
 FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesRead) const {
   FileResult result;
   result.path = path;
+  // A small file is hashed on this thread: handing a single chunk to other threads costs more in
+  // wake-ups than it gains, and -j keeps the processors busy with other files. With one
+  // algorithm the library's file form reads and hashes it in cache-sized pieces, and a stat()
+  // here is all the examining it needs (a failing open is diagnosed afterwards).
+  if (path != "-" && !settings_.bypassCache && algorithms_.size() == 1) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<std::uint64_t>(status.st_size) <= kChunkSize) {
+      result.size = static_cast<std::uint64_t>(status.st_size);
+      result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+      hashSmallFileInPieces(result);
+      if (onBytesRead) onBytesRead(*result.size);
+      return result;
+    }
+  }
+
   // O_NONBLOCK keeps the open from hanging on a FIFO without a writer; it is cleared below for
   // anything but a regular file (where it has no effect).
   // "-" names standard input, as for the coreutils tools: read from where it stands (reopening
@@ -180,9 +199,8 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     return chunk;
   };
 
-  // A file of at most one chunk is hashed on this thread, one algorithm after another: handing
-  // a single chunk to other threads costs more in wake-ups than it gains, and -j keeps the
-  // processors busy with other files.
+  // A file of at most one chunk is hashed on this thread (see above); with several algorithms it
+  // is read once into one buffer that every algorithm hashes.
   std::vector<SharedBytes> chunks;
   if (regular && remaining <= kChunkSize) {
     auto whole = readChunk();
@@ -195,8 +213,7 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
       for (const AlgorithmName* algorithm : algorithms_) {
         auto text = CorvaneChecksumGenerator::generateDataChecksum(bytes, algorithm->type);
         if (!text) {
-          result.errors.push_back("no " + std::string(algorithm->cliName) +
-                                  " checksum produced");
+          result.errors.push_back("no " + std::string(algorithm->cliName) + " checksum produced");
           result.checksums.clear();
           return result;
         }
@@ -240,13 +257,39 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     if (finalTexts[i]) {
       result.checksums.push_back({algorithms_[i], std::move(*finalTexts[i])});
     } else {
-      result.errors.push_back("no " + std::string(algorithms_[i]->cliName) +
-                              " checksum produced");
+      result.errors.push_back("no " + std::string(algorithms_[i]->cliName) + " checksum produced");
       result.checksums.clear();
       return result;
     }
   }
   return result;
+}
+
+void FileHasher::hashSmallFileInPieces(FileResult& result) const {
+  const AlgorithmName* algorithm = algorithms_.front();
+  std::optional<std::string> text;
+  try {
+    text = CorvaneChecksumGenerator::generateFileChecksum(result.path, algorithm->type,
+                                                          kCachedPieceSize);
+  } catch (const Exception& readError) {
+    // "<path>: <reason>"; the path is printed by the caller.
+    const std::string& reason = readError.reason();
+    const bool prefixed = reason.rfind(result.path + ": ", 0) == 0;
+    result.errors.push_back(prefixed ? reason.substr(result.path.size() + 2) : reason);
+    return;
+  }
+  if (!text) {
+    // Opened a moment ago, gone now: find the reason the way the next open sees it.
+    const int descriptor = ::open(result.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor >= 0) {
+      ::close(descriptor);
+      result.errors.push_back("no " + std::string(algorithm->cliName) + " checksum produced");
+    } else {
+      result.addSystemError(errno);
+    }
+    return;
+  }
+  result.checksums.push_back({algorithm, std::move(*text)});
 }
 
 }  // namespace corvane::tool

@@ -74,6 +74,9 @@ class FileHasher {
   FileResult hash(const std::string& path, const ByteCounter& onBytesRead = {}) const;
 
  private:
+  // One algorithm over a regular file of at most one chunk whose size and time are in `result`.
+  void hashSmallFileInPieces(FileResult& result) const;
+
   std::vector<const AlgorithmName*> algorithms_;
   HashSettings settings_;
   std::shared_ptr<ChunkPool> pool_;

@@ -23,7 +23,8 @@ class FileChunkReader {
   FileChunkReader& operator=(FileChunkReader&&) = delete;
   ~FileChunkReader();
 
-  // Reads up to `length` bytes (fewer only at end of file). Null at end of file or on error.
+  // Reads up to `length` bytes (fewer at end of file, or where the size seen at open ends).
+  // Null at end of file or on error.
   // The returned buffer is reused for the next chunk when nobody else holds it any more.
   std::shared_ptr<const Bytes> readChunk(std::size_t length);
 
@@ -35,8 +36,13 @@ class FileChunkReader {
  private:
   explicit FileChunkReader(int descriptor) : descriptor_(descriptor) {}
 
+  // The read that confirms the end of a regular file once its size at open was read.
+  static constexpr std::size_t kEndProbeLength = 4096;
+
   int descriptor_ = -1;
   bool failed_ = false;
+  std::uint64_t expectedRemaining_ = 0;  // of the size at open, not read yet
+  bool expectingEnd_ = false;            // the next read should find the end
   int errorNumber_ = 0;
   std::shared_ptr<Bytes> buffer_;
 };
