@@ -8,15 +8,15 @@ namespace corvane::tool {
 namespace {
 
 constexpr std::array<AlgorithmName, 9> kAlgorithms{{
-    {"md5", "MD5", ChecksumTypeMD5},
-    {"sha1", "SHA1", ChecksumTypeSHA1},
-    {"sha256", "SHA256", ChecksumTypeSHA256},
-    {"sha512", "SHA512", ChecksumTypeSHA512},
-    {"crc32", "CRC32", ChecksumTypeCRC32},
-    {"xxh64", "XXH64", ChecksumTypeXXHash64},
-    {"xxh3", "XXH3", ChecksumTypeXXHashH364},
-    {"xxh128", "XXH128", ChecksumTypeXXHashH3128},
-    {"c4", "C4", ChecksumTypeC4},
+    {"md5", "MD5", ChecksumTypeMD5, 11},
+    {"sha1", "SHA1", ChecksumTypeSHA1, 5},
+    {"sha256", "SHA256", ChecksumTypeSHA256, 5},
+    {"sha512", "SHA512", ChecksumTypeSHA512, 8},
+    {"crc32", "CRC32", ChecksumTypeCRC32, 1},
+    {"xxh64", "XXH64", ChecksumTypeXXHash64, 1},
+    {"xxh3", "XXH3", ChecksumTypeXXHashH364, 1},
+    {"xxh128", "XXH128", ChecksumTypeXXHashH3128, 1},
+    {"c4", "C4", ChecksumTypeC4, 8},
 }};
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {

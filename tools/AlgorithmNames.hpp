@@ -20,6 +20,9 @@ struct AlgorithmName {
   std::string_view cliName;  // as typed after -a, e.g. "xxh3"
   std::string_view tag;      // as printed in tag-style lines, e.g. "XXH3"
   ChecksumType type;
+  // Processor time per byte, relative (MD5 is the slowest here): decides which algorithms of a
+  // file get a processor of their own.
+  int relativeCost;
 };
 
 // Every algorithm the tool knows, in the order the help text lists them.

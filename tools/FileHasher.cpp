@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <numeric>
+#include <thread>
 
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/Exception.hpp"
@@ -16,14 +18,15 @@ namespace corvane::tool {
 
 namespace {
 
-// Bytes asked of the file per read. Large enough that a system call per chunk costs nothing,
-// small enough that a chunk stays in the cache between the read and the hashing.
+// Bytes asked of the file per read of a large file. Large enough that a system call and a
+// hand-off per chunk cost nothing, small enough that a chunk stays in the cache between the read
+// and the hashing.
 constexpr std::size_t kChunkSize = std::size_t{1} << 20;
-// The read that confirms the end of a file whose size was reached.
-constexpr std::size_t kEndProbeSize = std::size_t{64} << 10;
-// Pieces in which a small file is read and hashed on the calling thread: small enough to stay
-// in the processor's own cache between the read and the hashing.
-constexpr std::int64_t kCachedPieceSize = std::int64_t{128} << 10;
+// Pieces in which a file of at most one chunk is read and hashed on the calling thread: small
+// enough to stay in the processor's own cache between the read and the hashing.
+constexpr std::size_t kCachedPieceSize = std::size_t{128} << 10;
+// The read that confirms the end of a file whose size at open was read.
+constexpr std::size_t kEndProbeSize = 4096;
 // Free buffers kept for reuse; more are released.
 constexpr std::size_t kPooledBufferLimit = 64;
 
@@ -42,32 +45,9 @@ ssize_t readFully(int descriptor, std::uint8_t* into, std::size_t length) {
   return static_cast<ssize_t>(done);
 }
 
-// The texts of several finalisations, handed over from the generators' queues.
-class FinalTexts {
- public:
-  explicit FinalTexts(std::size_t count) : texts_(count), remaining_(count) {}
-
-  void deliver(std::size_t index, const std::optional<std::string>& text) {
-    {
-      const std::lock_guard lock(mutex_);
-      texts_[index] = text;
-      --remaining_;
-    }
-    arrived_.notify_all();
-  }
-
-  std::vector<std::optional<std::string>> wait() {
-    std::unique_lock lock(mutex_);
-    arrived_.wait(lock, [this] { return remaining_ == 0; });
-    return std::move(texts_);
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<std::optional<std::string>> texts_;
-  std::size_t remaining_;
-};
+std::string noChecksumReason(const AlgorithmName& algorithm) {
+  return "no " + std::string(algorithm.cliName) + " checksum produced";
+}
 
 }  // namespace
 
@@ -104,6 +84,90 @@ class ChunkPool : public std::enable_shared_from_this<ChunkPool> {
   std::vector<std::unique_ptr<Bytes>> free_;
 };
 
+namespace {
+
+// One open file read chunk by chunk. The size seen by fstat sizes the reads, so a small file
+// costs one read of its size plus one short read that confirms the end; a file that grows or
+// shrinks meanwhile is still read to its real end.
+class ChunkedFile {
+ public:
+  ChunkedFile(int descriptor, const struct stat& status, bool bypassCache, ChunkPool& pool,
+              FileResult& result)
+      : descriptor_(descriptor),
+        regular_(S_ISREG(status.st_mode)),
+        expected_(regular_ ? static_cast<std::uint64_t>(status.st_size) : 0),
+        bypassCache_(bypassCache),
+        pool_(pool),
+        result_(result) {}
+
+  // The next chunk of at most `limit` bytes, an empty buffer at the end, or null after a read
+  // error (recorded in the result).
+  SharedBytes next(std::size_t limit) {
+    if (regular_ && expected_ == 0 && !grew_) return probeEnd();
+    const std::size_t wanted =
+        expected_ == 0 ? limit
+                       : static_cast<std::size_t>(std::min<std::uint64_t>(expected_, limit));
+    std::shared_ptr<Bytes> chunk = pool_.take(wanted);
+    const ssize_t got = readFully(descriptor_, chunk->data(), wanted);
+    if (got < 0) return failed();
+    chunk->resize(static_cast<std::size_t>(got));
+    counted(static_cast<std::uint64_t>(got));
+    return chunk;
+  }
+
+  std::uint64_t bytesRead() const { return bytesRead_; }
+
+ private:
+  // The size at open was read: a short read into a small local buffer confirms the end. Bytes
+  // found there mean the file grew; it is then read on in full chunks.
+  SharedBytes probeEnd() {
+    std::uint8_t probe[kEndProbeSize];
+    const ssize_t got = readFully(descriptor_, probe, sizeof probe);
+    if (got < 0) return failed();
+    std::shared_ptr<Bytes> chunk = pool_.take(static_cast<std::size_t>(got));
+    std::memcpy(chunk->data(), probe, static_cast<std::size_t>(got));
+    counted(static_cast<std::uint64_t>(got));
+    grew_ = got != 0;
+    return chunk;
+  }
+
+  SharedBytes failed() {
+    result_.addSystemError(errno);
+    return nullptr;
+  }
+
+  void counted(std::uint64_t count) {
+    if (count == 0) return;
+    expected_ -= std::min(expected_, count);
+    if (bypassCache_) {
+      ::posix_fadvise(descriptor_, static_cast<off_t>(bytesRead_), static_cast<off_t>(count),
+                      POSIX_FADV_DONTNEED);
+    }
+    bytesRead_ += count;
+  }
+
+  int descriptor_;
+  bool regular_;
+  std::uint64_t expected_;  // bytes of the size at open not read yet
+  bool grew_ = false;
+  bool bypassCache_;
+  ChunkPool& pool_;
+  FileResult& result_;
+  std::uint64_t bytesRead_ = 0;
+};
+
+// The descriptor of `path` ("-": a duplicate of standard input), or -1 with errno.
+int openForReading(const std::string& path) {
+  // "-" names standard input, as for the coreutils tools: read from where it stands (reopening
+  // /dev/stdin would start a regular file over and fails on another user's pipe). O_NONBLOCK
+  // keeps the open from hanging on a FIFO without a writer; it is cleared again for anything but
+  // a regular file (where it has no effect).
+  if (path == "-") return ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+}  // namespace
+
 void FileResult::addSystemError(int error) {
   if (systemError == 0) systemError = error;
   errors.push_back(std::strerror(error));
@@ -116,18 +180,13 @@ const std::string* FileResult::checksumOf(const AlgorithmName* algorithm) const 
   return nullptr;
 }
 
-FileHasher::FileHasher(std::vector<const AlgorithmName*> algorithms, HashSettings settings)
-    : algorithms_(std::move(algorithms)),
-      settings_(settings),
-      pool_(std::make_shared<ChunkPool>()) {}
-
 FileHasher::~FileHasher() = default;
 
 FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesRead) const {
   FileResult result;
   result.path = path;
-  // A small file is hashed on this thread: handing a single chunk to other threads costs more in
-  // wake-ups than it gains, and -j keeps the processors busy with other files. With one
+  // A file of at most one chunk is hashed on this thread: handing it to other threads costs more
+  // in wake-ups than it gains, and -j keeps the processors busy with other files. With one
   // algorithm the library's file form reads and hashes it in cache-sized pieces, and a stat()
   // here is all the examining it needs (a failing open is diagnosed afterwards).
   if (path != "-" && !settings_.bypassCache && algorithms_.size() == 1) {
@@ -142,12 +201,7 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     }
   }
 
-  // O_NONBLOCK keeps the open from hanging on a FIFO without a writer; it is cleared below for
-  // anything but a regular file (where it has no effect).
-  // "-" names standard input, as for the coreutils tools: read from where it stands (reopening
-  // /dev/stdin would start a regular file over and fails on another user's pipe).
-  const int descriptor = path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                                     : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int descriptor = openForReading(path);
   if (descriptor < 0) {
     result.addSystemError(errno);
     return result;
@@ -156,7 +210,6 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     int descriptor;
     ~DescriptorCloser() { ::close(descriptor); }
   } closer{descriptor};
-
   struct stat status {};
   if (::fstat(descriptor, &status) != 0) {
     result.addSystemError(errno);
@@ -172,59 +225,6 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
   ::posix_fadvise(descriptor, 0, 0,
                   settings_.bypassCache ? POSIX_FADV_DONTNEED : POSIX_FADV_SEQUENTIAL);
 
-  // The size is a hint for the length of each read: a file that grows or shrinks meanwhile is
-  // still read to its end.
-  std::uint64_t remaining = regular ? static_cast<std::uint64_t>(status.st_size) : 0;
-  std::uint64_t bytesRead = 0;
-  // Reads the next chunk: its bytes, an empty buffer at the end, or null after a read error
-  // (recorded in the result).
-  auto readChunk = [&]() -> std::shared_ptr<Bytes> {
-    const std::size_t wanted =
-        remaining == 0 ? (regular ? kEndProbeSize : kChunkSize)
-                       : static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kChunkSize));
-    std::shared_ptr<Bytes> chunk = pool_->take(wanted);
-    const ssize_t got = readFully(descriptor, chunk->data(), wanted);
-    if (got < 0) {
-      result.addSystemError(errno);
-      return nullptr;
-    }
-    chunk->resize(static_cast<std::size_t>(got));
-    const auto count = static_cast<std::uint64_t>(got);
-    remaining = remaining > count ? remaining - count : 0;
-    if (settings_.bypassCache && got > 0) {
-      ::posix_fadvise(descriptor, static_cast<off_t>(bytesRead), got, POSIX_FADV_DONTNEED);
-    }
-    bytesRead += count;
-    if (onBytesRead && count != 0) onBytesRead(count);
-    return chunk;
-  };
-
-  // A file of at most one chunk is hashed on this thread (see above); with several algorithms it
-  // is read once into one buffer that every algorithm hashes.
-  std::vector<SharedBytes> chunks;
-  if (regular && remaining <= kChunkSize) {
-    auto whole = readChunk();
-    if (!whole) return result;
-    auto end = whole->empty() ? whole : readChunk();
-    if (!end) return result;
-    if (end->empty()) {
-      result.size = bytesRead;
-      const SharedBytes bytes = std::move(whole);
-      for (const AlgorithmName* algorithm : algorithms_) {
-        auto text = CorvaneChecksumGenerator::generateDataChecksum(bytes, algorithm->type);
-        if (!text) {
-          result.errors.push_back("no " + std::string(algorithm->cliName) + " checksum produced");
-          result.checksums.clear();
-          return result;
-        }
-        result.checksums.push_back({algorithm, std::move(*text)});
-      }
-      return result;
-    }
-    // The file grew while it was read: stream it like a large one.
-    chunks = {std::move(whole), std::move(end)};
-  }
-
   std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
   generators.reserve(algorithms_.size());
   for (const AlgorithmName* algorithm : algorithms_) {
@@ -234,33 +234,39 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
       return result;
     }
   }
-  auto handOver = [&generators](const SharedBytes& chunk) {
-    for (const auto& generator : generators) generator->addDataToChecksum(chunk, [] {});
-  };
-  for (const SharedBytes& chunk : chunks) handOver(chunk);
-  chunks.clear();
-  while (auto chunk = readChunk()) {
+
+  // A small file (several algorithms, or a pipe's first chunk) is absorbed piece by piece on this
+  // thread; a large one is handed to the generators as chosen in the constructor.
+  const bool small = regular && static_cast<std::uint64_t>(status.st_size) <= kChunkSize;
+  const std::size_t unwaited = small ? 0 : unwaitedCount_;
+  ChunkedFile file(descriptor, status, settings_.bypassCache, *pool_, result);
+  while (SharedBytes chunk = file.next(small ? kCachedPieceSize : kChunkSize)) {
     if (chunk->empty()) break;
-    handOver(std::move(chunk));
+    for (std::size_t k = 0; k < handOffOrder_.size(); ++k) {
+      CorvaneChecksumGenerator& generator = *generators[handOffOrder_[k]];
+      if (k < unwaited) {
+        generator.addDataToChecksum(chunk, [] {});
+      } else {
+        // Absorbed on this thread while the generator's queue is idle: no thread is woken.
+        generator.addDataToChecksumAndWait(chunk);
+      }
+    }
+    if (onBytesRead) onBytesRead(chunk->size());
   }
-  result.size = bytesRead;
+  result.size = file.bytesRead();
 
   // Finalising also after a read error lets every queued chunk drain before the run goes on.
-  auto texts = std::make_shared<FinalTexts>(generators.size());
-  for (std::size_t i = 0; i < generators.size(); ++i) {
-    generators[i]->finalizeChecksumWithCompletionBlock(
-        [texts, i](const std::optional<std::string>& text) { texts->deliver(i, text); });
-  }
-  auto finalTexts = texts->wait();
+  std::vector<std::optional<std::string>> texts;
+  texts.reserve(generators.size());
+  for (const auto& generator : generators) texts.push_back(generator->finalizeChecksumAndWait());
   if (!result.errors.empty()) return result;
   for (std::size_t i = 0; i < algorithms_.size(); ++i) {
-    if (finalTexts[i]) {
-      result.checksums.push_back({algorithms_[i], std::move(*finalTexts[i])});
-    } else {
-      result.errors.push_back("no " + std::string(algorithms_[i]->cliName) + " checksum produced");
+    if (!texts[i]) {
+      result.errors.push_back(noChecksumReason(*algorithms_[i]));
       result.checksums.clear();
       return result;
     }
+    result.checksums.push_back({algorithms_[i], std::move(*texts[i])});
   }
   return result;
 }
@@ -269,8 +275,8 @@ void FileHasher::hashSmallFileInPieces(FileResult& result) const {
   const AlgorithmName* algorithm = algorithms_.front();
   std::optional<std::string> text;
   try {
-    text = CorvaneChecksumGenerator::generateFileChecksum(result.path, algorithm->type,
-                                                          kCachedPieceSize);
+    text = CorvaneChecksumGenerator::generateFileChecksum(
+        result.path, algorithm->type, static_cast<std::int64_t>(kCachedPieceSize));
   } catch (const Exception& readError) {
     // "<path>: <reason>"; the path is printed by the caller.
     const std::string& reason = readError.reason();
@@ -279,17 +285,50 @@ void FileHasher::hashSmallFileInPieces(FileResult& result) const {
     return;
   }
   if (!text) {
-    // Opened a moment ago, gone now: find the reason the way the next open sees it.
-    const int descriptor = ::open(result.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    // Seen by stat() a moment ago but not opened: find the reason the way an open sees it.
+    const int descriptor = openForReading(result.path);
     if (descriptor >= 0) {
       ::close(descriptor);
-      result.errors.push_back("no " + std::string(algorithm->cliName) + " checksum produced");
+      result.errors.push_back(noChecksumReason(*algorithm));
     } else {
       result.addSystemError(errno);
     }
     return;
   }
   result.checksums.push_back({algorithm, std::move(*text)});
+}
+
+FileHasher::FileHasher(std::vector<const AlgorithmName*> algorithms, HashSettings settings)
+    : algorithms_(std::move(algorithms)),
+      settings_(settings),
+      pool_(std::make_shared<ChunkPool>()) {
+  // Either every algorithm hashes each chunk on its own without the reader waiting, or only the
+  // heaviest ones (one fewer than there are processors) do and the reader hands the chunk to the
+  // rest one after another, waiting for each. The second keeps the slowest algorithm from
+  // sharing a processor with light ones (MD5 beside SHA-1, SHA-256 and CRC-32 then runs at its
+  // own speed); the first wins when the light ones together outweigh it. The choice goes by the
+  // estimated time of each, where sharing processors costs about a tenth.
+  handOffOrder_.resize(algorithms_.size());
+  std::iota(handOffOrder_.begin(), handOffOrder_.end(), std::size_t{0});
+  std::stable_sort(handOffOrder_.begin(), handOffOrder_.end(),
+                   [this](std::size_t a, std::size_t b) {
+                     return algorithms_[a]->relativeCost > algorithms_[b]->relativeCost;
+                   });
+  const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
+  const std::size_t unwaited =
+      std::min(handOffOrder_.size(), std::max<std::size_t>(1, processors - 1));
+  double heaviest = 0;
+  double total = 0;
+  double waitedChain = 0;
+  for (std::size_t k = 0; k < handOffOrder_.size(); ++k) {
+    const double cost = algorithms_[handOffOrder_[k]]->relativeCost;
+    heaviest = std::max(heaviest, cost);
+    total += cost;
+    if (k >= unwaited) waitedChain += cost;
+  }
+  const double withWaits = std::max(heaviest, waitedChain);
+  const double allAtOnce = 1.1 * std::max(heaviest, total / double(processors));
+  unwaitedCount_ = withWaits <= allAtOnce ? unwaited : handOffOrder_.size();
 }
 
 }  // namespace corvane::tool

@@ -79,6 +79,10 @@ class FileHasher {
 
   std::vector<const AlgorithmName*> algorithms_;
   HashSettings settings_;
+  // Indices into algorithms_, heaviest first, and how many of them hash without the reader
+  // waiting (the rest are waited for one after another).
+  std::vector<std::size_t> handOffOrder_;
+  std::size_t unwaitedCount_ = 1;
   std::shared_ptr<ChunkPool> pool_;
 };
 

@@ -90,6 +90,13 @@ class CORVANE_API CorvaneChecksumGenerator
   // Ends the input. `completionBlock` (required) receives the text once every chunk handed over
   // before has been absorbed.
   virtual void finalizeChecksumWithCompletionBlock(CompletionBlock completionBlock);
+  // Blocking forms of the two calls above, for callers that want to wait anyway: they return
+  // once the chunk was absorbed, or with the text once the generator was finalized. When no
+  // worker is running the generator's queue at that moment, the waiting thread runs the queued
+  // work itself, so no thread is woken for it; order and one-task-at-a-time still hold. Must not
+  // be called on the generator's own queue (they wait for it).
+  void addDataToChecksumAndWait(const SharedBytes& data);
+  std::optional<std::string> finalizeChecksumAndWait();
   // Synchronous pair (only MD5 implements them; the defaults do nothing / return null).
   virtual void updateChecksumWithData(const Bytes* data);
   virtual std::optional<std::string> finalizeChecksum();

@@ -31,6 +31,16 @@ std::optional<std::string> CorvaneChecksumGenerator::checksumData(const Bytes* d
   }
 }
 
+void CorvaneChecksumGenerator::addDataToChecksumAndWait(const SharedBytes& data) {
+  dispatch::Group group;
+  detail::addAndWait(*this, group, data);
+}
+
+std::optional<std::string> CorvaneChecksumGenerator::finalizeChecksumAndWait() {
+  dispatch::Group group;
+  return detail::finalizeAndWait(*this, group);
+}
+
 std::optional<std::string> CorvaneChecksumGenerator::generateDataChecksum(SharedBytes data,
                                                                           ChecksumType algorithm) {
   auto generator = checksumGeneratorForType(algorithm);
