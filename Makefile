@@ -27,7 +27,7 @@ test-asan: deps
 
 test-tsan: deps
 	cmake --preset tsan
-	cmake --build --preset tsan -j$(JOBS) --target corvane_concurrency_tests
+	cmake --build --preset tsan -j$(JOBS) --target corvane_concurrency_tests corvane-checksum
 	ctest --preset tsan -j$(JOBS)
 
 # Release suite, then the whole suite under ASan+UBSan, then the concurrency suite under TSan.
