@@ -350,7 +350,7 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
           {"sizeDiffers", count(Outcome::kSizeDiffers)},
           {"checksumDiffers", count(Outcome::kChecksumDiffers)},
           {"unreadable", count(Outcome::kUnreadable)}}},
-        {"validation", nlohmann::ordered_json::parse(validation->encode().dump())}};
+        {"validation", nlohmann::ordered_json(validation->encode())}};
     out << dumpJson(document) << '\n';
   } else {
     out << "compared " << compared << " files: " << count(Outcome::kOk) << " matched, "

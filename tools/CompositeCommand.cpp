@@ -15,6 +15,7 @@
 #include "AlgorithmNames.hpp"
 #include "ExitStatus.hpp"
 #include "FileHasher.hpp"
+#include "OutputFormat.hpp"
 #include "PathWalker.hpp"
 #include "corvane/CompositeChecksumGenerator.hpp"
 
@@ -165,8 +166,7 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
         {"scheme", options.scheme},
         {"composite", composite ? nlohmann::ordered_json(*composite) : nlohmann::ordered_json()},
         {"files", std::move(files)}};
-    // Paths are bytes, not necessarily UTF-8; replace what cannot be encoded instead of failing.
-    out << object.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    out << dumpJson(object) << '\n';
   } else if (composite) {
     out << *composite << "  " << options.directory << '\n';
   }
