@@ -24,11 +24,6 @@ namespace {
 // How a list read from standard input is named in messages, as coreutils names it.
 constexpr const char* kStandardInputName = "standard input";
 
-int usageError(std::ostream& err, const std::string& message) {
-  err << kProgramName << ": " << message << "\nRun with --help for more information.\n";
-  return kExitUsage;
-}
-
 // A file name as `sha256sum -c` prints it in its result lines: as it is, unless it holds a
 // newline, which would break the line; then escaped with a leading backslash.
 std::string displayName(const std::string& path) {
@@ -222,10 +217,7 @@ class ResultPrinter {
 
   // "<name>: <result>" on stdout, kept apart from the progress line.
   void printResult(const std::string& name, const char* result) {
-    reporter_.writeOutput([&] {
-      out_ << name << ": " << result << '\n';
-      if (reporter_.showsProgress()) out_.flush();
-    });
+    reporter_.writeOutput(out_, [&] { out_ << name << ": " << result << '\n'; });
   }
 
   void finishList(const ChecksumList& list) {
@@ -328,12 +320,16 @@ int runCheckCommand(const CheckOptions& options, std::ostream& out, std::ostream
   loader.assignHashers();
   std::vector<FileJob>& jobs = loader.jobs();
 
-  RunReporter reporter(options.common.reportSettings(), err);
+  const ReportSettings reportSettings = options.common.reportSettings();
+  RunReporter reporter(reportSettings, err);
+  // The byte total only serves the progress line; without one, no file is examined twice.
   std::uint64_t byteCount = 0;
-  for (const FileJob& job : jobs) {
-    struct stat status {};
-    if (::stat(job.path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-      byteCount += static_cast<std::uint64_t>(status.st_size);
+  if (reportSettings.showProgress) {
+    for (const FileJob& job : jobs) {
+      struct stat status {};
+      if (::stat(job.path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+        byteCount += static_cast<std::uint64_t>(status.st_size);
+      }
     }
   }
   reporter.setTotals(jobs.size(), byteCount);
@@ -342,8 +338,7 @@ int runCheckCommand(const CheckOptions& options, std::ostream& out, std::ostream
   runOrderedInParallel(
       jobs.size(), options.common.jobs,
       [&](std::size_t i) {
-        jobs[i].result = jobs[i].hasher->hash(
-            jobs[i].path, [&reporter](std::uint64_t count) { reporter.addBytes(count); });
+        jobs[i].result = jobs[i].hasher->hash(jobs[i].path, reporter.byteCounter());
         reporter.fileDone();
       },
       [&](std::size_t i) { printer.printReady(i + 1); });

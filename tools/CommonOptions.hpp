@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
 
+#include "AlgorithmNames.hpp"
 #include "OrderedParallelRun.hpp"
 #include "RunReporter.hpp"
 
@@ -29,6 +32,21 @@ inline void addCommonOptions(CLI::App& command, CommonOptions& options) {
                    "Never show the progress line (shown by default when stderr is a terminal)");
   command.add_flag("--summary", options.summary,
                    "Print a closing line with files, bytes, time, rate and errors to stderr");
+}
+
+// -a/--algorithm of the commands that take a list of algorithms (comma-separated and/or
+// repeated); `what` says what is done with them ("to compute", "to compare").
+inline void addAlgorithmListOption(CLI::App& command, std::vector<std::string>& values,
+                                   const std::string& what, const std::string& note = "") {
+  command
+      .add_option("-a,--algorithm", values,
+                  "Algorithms " + what +
+                      ", comma-separated and/or repeated, in the order given (default: xxh64). "
+                      "Known: " +
+                      knownAlgorithmNames() + note)
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->type_name("ALGO[,ALGO...]");
 }
 
 }  // namespace corvane::tool

@@ -64,11 +64,6 @@ struct Comparison {
   std::vector<Difference> differences;  // kChecksumDiffers, in -a order
 };
 
-int usageError(std::ostream& err, const std::string& message) {
-  err << kProgramName << ": " << message << "\nRun with --help for more information.\n";
-  return kExitUsage;
-}
-
 std::optional<std::string> statReason(const std::string& path, struct stat& status) {
   if (::stat(path.c_str(), &status) != 0) return std::string(std::strerror(errno));
   return std::nullopt;
@@ -108,14 +103,7 @@ ChecksumLookup lookupOf(const FileResult& result) {
 CLI::App* addCompareCommand(CLI::App& app, CompareOptions& options) {
   CLI::App* compare =
       app.add_subcommand("compare", "Verify that DST is a copy of SRC (two folders or two files)");
-  compare
-      ->add_option("-a,--algorithm", options.algorithmValues,
-                   "Algorithms to compare, comma-separated and/or repeated (default: xxh64). "
-                   "Known: " +
-                       knownAlgorithmNames())
-      ->delimiter(',')
-      ->allow_extra_args(false)
-      ->type_name("ALGO[,ALGO...]");
+  addAlgorithmListOption(*compare, options.algorithmValues, "to compare");
   compare->add_flag("--follow-symlinks", options.followSymlinks,
                     "Follow symbolic links in both trees (default: skip and report them)");
   compare->add_flag("--no-cache", options.noCache,
@@ -158,8 +146,7 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
   }
   const bool sourceIsDirectory = S_ISDIR(sourceStatus.st_mode);
   if (sourceIsDirectory != S_ISDIR(destinationStatus.st_mode)) {
-    reporter.error(options.destination,
-                   std::strerror(sourceIsDirectory ? ENOTDIR : EISDIR));
+    reporter.error(options.destination, std::strerror(sourceIsDirectory ? ENOTDIR : EISDIR));
     return kExitFailed;
   }
 
@@ -191,7 +178,7 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
 
   const FileHasher sourceHasher(algorithms);
   const FileHasher destinationHasher(algorithms, {.bypassCache = options.noCache});
-  const auto countBytes = [&reporter](std::uint64_t count) { reporter.addBytes(count); };
+  const auto countBytes = reporter.byteCounter();
 
   std::vector<Comparison> comparisons(entries.size());
   auto compareEntry = [&](std::size_t i) {
@@ -282,8 +269,9 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
                                      {"status", outcomeName(comparison.outcome)}};
       if (entry.source) file["sourceSize"] = sourceSize;
       if (entry.destination) file["destinationSize"] = destinationSize;
-      for (const auto& [key, result] : {std::pair{"sourceChecksums", &comparison.source},
-                                        std::pair{"destinationChecksums", &comparison.destination}}) {
+      for (const auto& [key, result] :
+           {std::pair{"sourceChecksums", &comparison.source},
+            std::pair{"destinationChecksums", &comparison.destination}}) {
         if (!*result || (*result)->checksums.empty()) continue;
         nlohmann::ordered_json checksums = nlohmann::ordered_json::object();
         for (const FileChecksum& checksum : (*result)->checksums) {
@@ -318,10 +306,7 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
         break;
     }
     if (const std::string text = lines.str(); !text.empty()) {
-      reporter.writeOutput([&] {
-        out << text;
-        if (reporter.showsProgress()) out.flush();
-      });
+      reporter.writeOutput(out, [&] { out << text; });
     }
   };
   runOrderedInParallel(entries.size(), options.common.jobs, compareEntry, report);
@@ -332,7 +317,8 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
   const std::uint64_t compared = entries.size() - count(Outcome::kNotice);
   std::vector<ChecksumType> types;
   for (const AlgorithmName* algorithm : algorithms) types.push_back(algorithm->type);
-  const auto validation = IOValidationAttributes::create(types, /*forceChecksumSizeComparison=*/true);
+  const auto validation =
+      IOValidationAttributes::create(types, /*forceChecksumSizeComparison=*/true);
 
   if (options.json) {
     nlohmann::ordered_json algorithmNames = nlohmann::ordered_json::array();

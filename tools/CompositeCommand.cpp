@@ -2,13 +2,10 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <variant>
 
@@ -77,14 +74,11 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
                         std::ostream& out, std::ostream& err) {
   auto parsed = parseAlgorithmList(options.algorithmValues);
   if (const auto* error = std::get_if<AlgorithmListError>(&parsed)) {
-    err << programName << ": " << error->message << "\nRun with --help for more information.\n";
-    return kExitUsage;
+    return usageError(err, error->message);
   }
   const auto& algorithms = std::get<std::vector<const AlgorithmName*>>(parsed);
   if (algorithms.size() != 1) {
-    err << programName << ": composite takes exactly one algorithm\n"
-        << "Run with --help for more information.\n";
-    return kExitUsage;
+    return usageError(err, "composite takes exactly one algorithm");
   }
   const AlgorithmName* algorithm = algorithms.front();
   const CompositeChecksumMethod method = options.method == "text"
@@ -100,15 +94,8 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
   const std::vector<WalkItem> items = walkDirectory(options.directory, options.followSymlinks);
 
   RunReporter reporter(options.common.reportSettings(), err);
-  std::uint64_t fileCount = 0;
-  std::uint64_t byteCount = 0;
-  for (const WalkItem& item : items) {
-    if (item.kind == WalkItem::Kind::kFile) {
-      ++fileCount;
-      byteCount += item.size;
-    }
-  }
-  reporter.setTotals(fileCount, byteCount);
+  const WalkTotals totals = totalsOf(items);
+  reporter.setTotals(totals.files, totals.bytes);
 
   const FileHasher hasher({algorithm});
   std::vector<FileResult> results(items.size());
@@ -118,8 +105,7 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
       items.size(), options.common.jobs,
       [&](std::size_t i) {
         if (items[i].kind != WalkItem::Kind::kFile) return;
-        results[i] = hasher.hash(items[i].path,
-                                 [&reporter](std::uint64_t count) { reporter.addBytes(count); });
+        results[i] = hasher.hash(items[i].path, reporter.byteCounter());
         reporter.fileDone();
       },
       [&](std::size_t i) {

@@ -1,6 +1,9 @@
 // The exit statuses shared by every command of corvane-checksum.
 #pragma once
 
+#include <ostream>
+#include <string>
+
 namespace corvane::tool {
 
 inline constexpr int kExitOk = 0;
@@ -12,5 +15,11 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitMissingOrNew = 3;
 
 inline constexpr const char* kProgramName = "corvane-checksum";
+
+// Reports a usage error the same way for every command; returns kExitUsage.
+inline int usageError(std::ostream& err, const std::string& message) {
+  err << kProgramName << ": " << message << "\nRun with --help for more information.\n";
+  return kExitUsage;
+}
 
 }  // namespace corvane::tool

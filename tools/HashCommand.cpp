@@ -16,11 +16,6 @@
 namespace corvane::tool {
 namespace {
 
-int usageError(std::ostream& err, const std::string& message) {
-  err << kProgramName << ": " << message << "\nRun with --help for more information.\n";
-  return kExitUsage;
-}
-
 // The paths listed in `listPath` ("-": standard input), separated by newlines or NULs; empty
 // entries are skipped. Null when the list cannot be read.
 std::optional<std::vector<std::string>> readPathList(const std::string& listPath, char separator,
@@ -50,15 +45,9 @@ std::optional<std::vector<std::string>> readPathList(const std::string& listPath
 
 CLI::App* addHashCommand(CLI::App& app, HashOptions& options) {
   CLI::App* hash = app.add_subcommand("hash", "Print checksums of files");
-  hash->add_option("-a,--algorithm", options.algorithmValues,
-                   "Algorithms to compute, comma-separated and/or repeated, printed in the "
-                   "order given (default: xxh64). Known: " +
-                       knownAlgorithmNames() +
-                       " (crc32 is this library's CRC-32 whose register starts at zero, not "
-                       "cksum's)")
-      ->delimiter(',')
-      ->allow_extra_args(false)
-      ->type_name("ALGO[,ALGO...]");
+  addAlgorithmListOption(*hash, options.algorithmValues, "to compute",
+                         " (crc32 is this library's CRC-32 whose register starts at zero, not "
+                         "cksum's)");
   hash->add_flag("-r,--recursive", options.recursive,
                  "Descend into directories; files come in the byte order of their paths");
   hash->add_flag("--follow-symlinks", options.followSymlinks,
@@ -100,8 +89,7 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
   std::vector<std::string> operands = options.paths;
   if (!options.filesFrom.empty()) {
     std::string reason;
-    auto listed =
-        readPathList(options.filesFrom, options.nulSeparatedList ? '\0' : '\n', reason);
+    auto listed = readPathList(options.filesFrom, options.nulSeparatedList ? '\0' : '\n', reason);
     if (!listed) {
       err << kProgramName << ": " << options.filesFrom << ": " << reason << '\n';
       return kExitFailed;
@@ -114,15 +102,8 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
       operands, {.recursive = options.recursive, .followSymlinks = options.followSymlinks});
 
   RunReporter reporter(options.common.reportSettings(), err);
-  std::uint64_t fileCount = 0;
-  std::uint64_t byteCount = 0;
-  for (const WalkItem& item : items) {
-    if (item.kind == WalkItem::Kind::kFile) {
-      ++fileCount;
-      byteCount += item.size;
-    }
-  }
-  reporter.setTotals(fileCount, byteCount);
+  const WalkTotals totals = totalsOf(items);
+  reporter.setTotals(totals.files, totals.bytes);
 
   const FileHasher hasher(algorithms);
   const LineSettings lines{
@@ -136,8 +117,7 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
       items.size(), options.common.jobs,
       [&](std::size_t i) {
         if (items[i].kind != WalkItem::Kind::kFile) return;
-        results[i] = hasher.hash(items[i].path,
-                                 [&reporter](std::uint64_t count) { reporter.addBytes(count); });
+        results[i] = hasher.hash(items[i].path, reporter.byteCounter());
         reporter.fileDone();
       },
       [&](std::size_t i) {
@@ -156,11 +136,10 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
         if (document) {
           document->addFile(result);
         } else if (!result.checksums.empty()) {
-          reporter.writeOutput([&] {
+          reporter.writeOutput(out, [&] {
             for (const FileChecksum& entry : result.checksums) {
               writeChecksumLine(out, lines, *entry.algorithm, item.path, entry.checksum);
             }
-            if (reporter.showsProgress()) out.flush();
           });
         }
         if (!result.ok()) {

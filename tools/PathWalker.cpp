@@ -127,6 +127,16 @@ std::string joinPath(const std::string& directory, const std::string& name) {
   return directory + "/" + name;
 }
 
+WalkTotals totalsOf(const std::vector<WalkItem>& items) {
+  WalkTotals totals;
+  for (const WalkItem& item : items) {
+    if (item.kind != WalkItem::Kind::kFile) continue;
+    ++totals.files;
+    totals.bytes += item.size;
+  }
+  return totals;
+}
+
 std::vector<WalkItem> walkDirectory(const std::string& root, bool followSymlinks) {
   return TreeWalk(root, followSymlinks).run();
 }
@@ -144,8 +154,11 @@ std::vector<WalkItem> walkOperands(const std::vector<std::string>& operands,
     const std::uint64_t size = ::stat(operand.c_str(), &status) == 0 && S_ISREG(status.st_mode)
                                    ? static_cast<std::uint64_t>(status.st_size)
                                    : 0;
-    items.push_back(
-        {.kind = WalkItem::Kind::kFile, .path = operand, .relative = operand, .size = size, .message = {}});
+    items.push_back({.kind = WalkItem::Kind::kFile,
+                     .path = operand,
+                     .relative = operand,
+                     .size = size,
+                     .message = {}});
   }
   return items;
 }

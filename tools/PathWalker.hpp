@@ -21,8 +21,8 @@ struct WalkSettings {
 struct WalkItem {
   enum class Kind { kFile, kError, kNotice };
   Kind kind = Kind::kFile;
-  std::string path;      // to open and to print: the operand joined with `relative`
-  std::string relative;  // below the walked directory; the operand itself for a file operand
+  std::string path;        // to open and to print: the operand joined with `relative`
+  std::string relative;    // below the walked directory; the operand itself for a file operand
   std::uint64_t size = 0;  // kFile: the size seen by the walk (0 when not known)
   std::string message;     // kError and kNotice: the reason
 };
@@ -35,6 +35,13 @@ std::vector<WalkItem> walkOperands(const std::vector<std::string>& operands,
 
 // Every item below the directory `root` (which must be one), sorted by `relative`.
 std::vector<WalkItem> walkDirectory(const std::string& root, bool followSymlinks);
+
+// How many kFile items `items` holds and the sum of their sizes: the totals of a run's progress.
+struct WalkTotals {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+};
+WalkTotals totalsOf(const std::vector<WalkItem>& items);
 
 // `directory` + "/" + `name`, without doubling a trailing slash.
 std::string joinPath(const std::string& directory, const std::string& name);

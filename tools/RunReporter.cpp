@@ -134,8 +134,8 @@ void RunReporter::finish() {
     const auto errors = errors_.load();
     line << kProgramName << ": " << files << (files == 1 ? " file, " : " files, ") << bytes
          << (bytes == 1 ? " byte in " : " bytes in ") << std::fixed << std::setprecision(2)
-         << elapsed << " s (" << humanBytes(elapsed > 0 ? double(bytes) / elapsed : 0.0)
-         << "/s), " << errors << (errors == 1 ? " error\n" : " errors\n");
+         << elapsed << " s (" << humanBytes(elapsed > 0 ? double(bytes) / elapsed : 0.0) << "/s), "
+         << errors << (errors == 1 ? " error\n" : " errors\n");
     err_ << line.str();
   }
   err_.flush();

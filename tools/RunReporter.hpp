@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -39,6 +40,10 @@ class RunReporter {
   // What the run is going to do, for "done/total" and the time left (0 = unknown).
   void setTotals(std::uint64_t files, std::uint64_t bytes);
   void addBytes(std::uint64_t count) { bytesDone_.fetch_add(count, std::memory_order_relaxed); }
+  // A callback that adds to the bytes done, for FileHasher::hash.
+  std::function<void(std::uint64_t)> byteCounter() {
+    return [this](std::uint64_t count) { addBytes(count); };
+  }
   void fileDone() { filesDone_.fetch_add(1, std::memory_order_relaxed); }
 
   // "corvane-checksum: <path>: <reason>", counted as an error.
@@ -48,11 +53,13 @@ class RunReporter {
   // "corvane-checksum: <text>", not counted.
   void message(const std::string& text);
 
-  // Runs `write`, which writes (and flushes) standard output, with the progress line cleared
+  // Runs `write`, which writes standard output, with the progress line cleared
   // and kept from being redrawn meanwhile, so that output lines never run into it on a shared
   // terminal. Without a progress line it just runs `write`.
+  // `write` writes to `out`, which is flushed while the line is held back, so that what was
+  // written reaches a shared terminal before the line is drawn again.
   template <typename Write>
-  void writeOutput(Write&& write) {
+  void writeOutput(std::ostream& out, Write&& write) {
     if (!settings_.showProgress) {
       write();
       return;
@@ -60,9 +67,9 @@ class RunReporter {
     const std::lock_guard lock(mutex_);
     clearLineLocked();
     write();
+    out.flush();
   }
 
-  bool showsProgress() const { return settings_.showProgress; }
   std::uint64_t errorCount() const { return errors_.load(); }
 
   // Stops the progress line and prints the summary line if asked for. Called by the destructor

@@ -79,9 +79,7 @@ int run(int argc, char** argv) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
       return app.exit(error);  // --help, --version
     }
-    std::cerr << kProgramName << ": " << error.what()
-              << "\nRun with --help for more information.\n";
-    return kExitUsage;
+    return usageError(std::cerr, error.what());
   }
 
   if (hash->parsed()) return runHashCommand(hashOptions, std::cout, std::cerr);

@@ -17,11 +17,9 @@ namespace {
 using testsupport::referenceChecksum;
 using testsupport::share;
 
-Bytes randomBytes(std::size_t count, unsigned seed) {
-  std::mt19937 engine(seed);
-  Bytes bytes(count);
-  for (auto& byte : bytes) byte = static_cast<std::uint8_t>(engine());
-  return bytes;
+Bytes randomBytes(std::size_t count, std::uint64_t seed) {
+  std::mt19937_64 random(seed);
+  return testsupport::randomBytes(random, count);
 }
 
 TEST(BlockingHandOffConcurrency, GeneratorsDrivenFromSeveralThreadsAtOnceStayExact) {

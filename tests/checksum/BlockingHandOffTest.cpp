@@ -18,11 +18,9 @@ using testsupport::referenceChecksum;
 using testsupport::share;
 using testsupport::typesWithAGenerator;
 
-Bytes randomBytes(std::size_t count, unsigned seed) {
-  std::mt19937 engine(seed);
-  Bytes bytes(count);
-  for (auto& byte : bytes) byte = static_cast<std::uint8_t>(engine());
-  return bytes;
+Bytes randomBytes(std::size_t count, std::uint64_t seed) {
+  std::mt19937_64 random(seed);
+  return testsupport::randomBytes(random, count);
 }
 
 TEST(BlockingHandOff, ChunksHandedOverAndWaitedForGiveTheReferenceText) {

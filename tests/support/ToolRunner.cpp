@@ -83,4 +83,13 @@ bool haveProgram(const std::string& name) {
   return runShell("command -v " + name + " >/dev/null 2>&1").status == 0;
 }
 
+std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) {
+    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+    byte = static_cast<char>(seed >> 56);
+  }
+  return bytes;
+}
+
 }  // namespace corvane::testsupport

@@ -53,6 +53,10 @@ std::string toolCommand(const std::vector<std::string>& arguments, const std::st
 RunResult runToolWithInput(const std::filesystem::path& directory,
                            const std::vector<std::string>& arguments, const std::string& input);
 
+// `size` deterministic bytes that are not a short repeating pattern (the top byte of a 64-bit
+// linear congruential generator started at `seed`), as file content for the tool.
+std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed);
+
 // Whether the shell finds a program called `name`.
 bool haveProgram(const std::string& name);
 

@@ -18,6 +18,7 @@ namespace {
 
 using corvane::testsupport::haveProgram;
 using corvane::testsupport::kToolPath;
+using corvane::testsupport::pseudoRandomBytes;
 using corvane::testsupport::readFile;
 using corvane::testsupport::RunResult;
 using corvane::testsupport::runShell;
@@ -54,16 +55,6 @@ std::string quoted(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += ' ' + shellQuote(name);
   return text;
-}
-
-// Deterministic bytes that are not a short repeating pattern.
-std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
-    byte = static_cast<char>(seed >> 56);
-  }
-  return bytes;
 }
 
 // A file whose CRC-32 (as the tool prints it) has fewer than 8 digits: "51" gives "c103d73".

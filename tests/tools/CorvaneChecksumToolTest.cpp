@@ -28,6 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using corvane::testsupport::haveProgram;
+using corvane::testsupport::pseudoRandomBytes;
 using corvane::testsupport::readFile;
 using corvane::testsupport::RunResult;
 using corvane::testsupport::runShell;
@@ -80,16 +81,6 @@ const std::map<std::string, std::string> kTags = {
     {"md5", "MD5"},       {"sha1", "SHA1"},     {"sha256", "SHA256"},
     {"sha512", "SHA512"}, {"crc32", "CRC32"},   {"xxh64", "XXH64"},
     {"xxh3", "XXH3"},     {"xxh128", "XXH128"}, {"c4", "C4"}};
-// Deterministic bytes that are not a short repeating pattern (a 64-bit LCG's top byte).
-std::string pseudoRandomBytes(std::size_t size, std::uint64_t seed) {
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
-    byte = static_cast<char>(seed >> 56);
-  }
-  return bytes;
-}
-
 #define SKIP_WITHOUT_REFERENCES()                                            \
   do {                                                                       \
     SKIP_WITHOUT_TOOL();                                                     \

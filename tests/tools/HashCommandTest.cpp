@@ -1062,8 +1062,7 @@ std::regex summaryLine(std::size_t files, std::size_t bytes, std::size_t errors,
   const auto counted = [](std::size_t count, const std::string& noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
   };
-  return std::regex("corvane-checksum: " + counted(files, "file") + ", " +
-                    counted(bytes, "byte") +
+  return std::regex("corvane-checksum: " + counted(files, "file") + ", " + counted(bytes, "byte") +
                     " in [0-9]+\\.[0-9]{2} s \\(([0-9]+ B|[0-9]+\\.[0-9] "
                     "(KiB|MiB|GiB))/s\\), " +
                     counted(errors, "error") + lineEnd);

@@ -4,7 +4,6 @@
 // data race on stderr and exits non-zero.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -16,12 +15,11 @@ namespace {
 
 // Files of mixed sizes in two folders: below one read chunk, at it, and several chunks long.
 void writeTree(const ScratchDirectory& scratch, const std::string& folder, unsigned seed) {
-  std::mt19937 engine(seed);
   const std::vector<std::size_t> sizes = {0,      1,       4096,          131072,
                                           131073, 1 << 20, (1 << 20) + 1, 3 << 20};
   for (int i = 0; i < 40; ++i) {
-    std::string content(sizes[static_cast<std::size_t>(i) % sizes.size()], '\0');
-    for (auto& byte : content) byte = static_cast<char>(engine());
+    const std::string content =
+        pseudoRandomBytes(sizes[static_cast<std::size_t>(i) % sizes.size()], seed * 100 + i);
     scratch.writeText(folder + "/d" + std::to_string(i % 5) + "/f" + std::to_string(i), content);
   }
 }
