@@ -5,11 +5,13 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git
+  clang libclang-rt-14-dev
   libssl-dev openssl
   libxxhash-dev xxhash
   libisal-dev
   nlohmann-json3-dev
   libcli11-dev
+  libutf8proc-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgmp-dev
   libprotobuf-dev protobuf-compiler

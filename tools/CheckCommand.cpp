@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <unordered_map>
 #include <variant>
@@ -17,6 +18,7 @@
 #include "ExitStatus.hpp"
 #include "FileHasher.hpp"
 #include "NameEscaping.hpp"
+#include "OutputFormat.hpp"
 
 namespace corvane::tool {
 namespace {
@@ -31,9 +33,14 @@ std::string displayName(const std::string& path) {
   return '\\' + escapeName(path);
 }
 
-// "1 line is" / "2 lines are".
-std::string counted(std::uint64_t count, const char* singular, const char* plural) {
-  return std::to_string(count) + ' ' + (count == 1 ? singular : plural);
+// "MD5 or XXH128": the tags of a line's candidate algorithms.
+std::string candidateTags(const std::vector<const AlgorithmName*>& candidates) {
+  std::string tags;
+  for (const AlgorithmName* algorithm : candidates) {
+    if (!tags.empty()) tags += " or ";
+    tags += algorithm->tag;
+  }
+  return tags;
 }
 
 // The whole content of the list at `listPath` ("-": standard input); null with `reason` when it
@@ -77,7 +84,7 @@ struct ChecksumList {
   std::vector<ListLine> lines;
 };
 
-// One distinct file to read, with every algorithm that its lines name.
+// One distinct file to read, with every candidate algorithm of its lines.
 struct FileJob {
   std::string path;
   std::vector<const AlgorithmName*> algorithms;
@@ -86,14 +93,19 @@ struct FileJob {
 };
 
 // Reads and parses every list, and gathers the distinct files they name: a file named by
-// several lines (of any list) is read once.
+// several lines (of any list) is read once, with the candidates of all those lines.
 class ListLoader {
  public:
   explicit ListLoader(const AlgorithmName* gnuAlgorithm) : gnuAlgorithm_(gnuAlgorithm) {}
 
   void load(const std::string& listPath) {
     ChecksumList& list = lists_.emplace_back();
-    list.name = listPath == "-" ? kStandardInputName : listPath;
+    const bool standardInput = listPath == "-";
+    list.name = standardInput ? kStandardInputName : listPath;
+    // Standard input has no name whose suffix could settle its lines.
+    const GnuLineContext context{
+        .forced = gnuAlgorithm_,
+        .listSuffix = standardInput ? nullptr : listSuffixAlgorithm(listPath)};
     std::string reason;
     const std::optional<std::string> content = readList(listPath, reason);
     if (!content) {
@@ -105,7 +117,7 @@ class ListLoader {
       const auto end = rest.find('\n');
       const std::string_view text = rest.substr(0, end);
       rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-      ParsedChecksumLine parsed = parseChecksumLine(text, gnuAlgorithm_);
+      ParsedChecksumLine parsed = parseChecksumLine(text, context);
       if (std::holds_alternative<IgnoredLine>(parsed)) continue;
       ListLine& line = list.lines.emplace_back();
       line.number = number;
@@ -134,8 +146,10 @@ class ListLoader {
     const auto [found, added] = jobIndex_.try_emplace(entry.path, jobs_.size());
     if (added) jobs_.emplace_back().path = entry.path;
     FileJob& job = jobs_[found->second];
-    if (std::ranges::find(job.algorithms, entry.algorithm) == job.algorithms.end()) {
-      job.algorithms.push_back(entry.algorithm);
+    for (const AlgorithmName* algorithm : entry.candidates) {
+      if (std::ranges::find(job.algorithms, algorithm) == job.algorithms.end()) {
+        job.algorithms.push_back(algorithm);
+      }
     }
     return found->second;
   }
@@ -148,7 +162,7 @@ class ListLoader {
 };
 
 // Prints the result of every list line, in list order, as the files are read, and the closing
-// messages of each list.
+// messages of each list. With --json the results go into one document, written at the end.
 class ResultPrinter {
  public:
   ResultPrinter(const CheckOptions& options, const std::vector<ChecksumList>& lists,
@@ -174,18 +188,85 @@ class ResultPrinter {
     return failed_ ? kExitFailed : kExitOk;
   }
 
+  // The --json document of the lists printed so far.
+  nlohmann::ordered_json jsonDocument() const {
+    nlohmann::ordered_json totals = {{"lists", lists_.size()}};
+    totals.update(countsJson(totals_));
+    return {{"lists", jsonLists_}, {"totals", std::move(totals)}};
+  }
+
  private:
   struct Counts {
-    std::uint64_t entries = 0;
+    std::uint64_t entries = 0;  // properly formatted lines
     std::uint64_t improper = 0;
     std::uint64_t matched = 0;
     std::uint64_t mismatched = 0;
     std::uint64_t unreadable = 0;
+    std::uint64_t missing = 0;  // skipped by --ignore-missing
+
+    void add(const Counts& other) {
+      entries += other.entries;
+      improper += other.improper;
+      matched += other.matched;
+      mismatched += other.mismatched;
+      unreadable += other.unreadable;
+      missing += other.missing;
+    }
   };
+
+  static nlohmann::ordered_json countsJson(const Counts& counts) {
+    return {{"lines", counts.entries + counts.improper},
+            {"ok", counts.matched},
+            {"failed", counts.mismatched},
+            {"unreadable", counts.unreadable},
+            {"missing", counts.missing},
+            {"improper", counts.improper}};
+  }
+
+  // The --json record of a properly formatted line.
+  static nlohmann::ordered_json entryJson(const ListLine& line, const AlgorithmName* matched,
+                                          const char* result, const FileResult& file) {
+    const ChecksumListEntry& entry = *line.entry;
+    nlohmann::ordered_json record = {{"line", line.number}};
+    putName(record, "path", entry.path);
+    record["expected"] = entry.checksum;
+    nlohmann::ordered_json candidates = nlohmann::ordered_json::array();
+    for (const AlgorithmName* algorithm : entry.candidates) {
+      candidates.push_back(algorithm->cliName);
+    }
+    record["candidates"] = std::move(candidates);
+    record["matched"] = matched != nullptr ? nlohmann::ordered_json(matched->cliName) : nullptr;
+    record["result"] = result;
+    if (!file.ok()) {
+      std::string reasons;
+      for (const std::string& reason : file.errors) {
+        if (!reasons.empty()) reasons += "; ";
+        reasons += reason;
+      }
+      record["error"] = std::move(reasons);
+    }
+    return record;
+  }
+
+  // The first candidate of `entry` whose checksum of the file equals the expected one; null when
+  // none does.
+  static const AlgorithmName* matchingCandidate(const ChecksumListEntry& entry,
+                                                const FileResult& result) {
+    for (const AlgorithmName* algorithm : entry.candidates) {
+      const std::string* computed = result.checksumOf(algorithm);
+      if (computed != nullptr && checksumsMatch(*algorithm, entry.checksum, *computed)) {
+        return algorithm;
+      }
+    }
+    return nullptr;
+  }
 
   void printLine(const ChecksumList& list, const ListLine& line) {
     if (!line.entry) {
       ++counts_.improper;
+      if (options_.json) {
+        jsonLines_.push_back({{"line", line.number}, {"result", "improperly formatted"}});
+      }
       if (options_.warn) {
         out_.flush();
         reporter_.message(list.name + ": " + std::to_string(line.number) +
@@ -198,30 +279,59 @@ class ResultPrinter {
     const FileResult& result = jobs_[line.job].result;
     const std::string name = displayName(entry.path);
     if (!result.ok()) {
-      if (options_.ignoreMissing && result.systemError == ENOENT) return;
+      if (options_.ignoreMissing && result.systemError == ENOENT) {
+        ++counts_.missing;
+        if (options_.json) jsonLines_.push_back(entryJson(line, nullptr, "missing", result));
+        return;
+      }
       ++counts_.unreadable;
       out_.flush();
       for (const std::string& reason : result.errors) reporter_.error(name, reason);
-      if (!options_.status) printResult(name, "FAILED open or read");
+      if (options_.json) {
+        jsonLines_.push_back(entryJson(line, nullptr, "FAILED open or read", result));
+      } else if (!options_.status) {
+        printResult(name, "FAILED open or read");
+      }
       return;
     }
-    const std::string* computed = result.checksumOf(entry.algorithm);
-    if (computed != nullptr && checksumsMatch(*entry.algorithm, entry.checksum, *computed)) {
+    const AlgorithmName* matched = matchingCandidate(entry, result);
+    if (matched != nullptr) {
       ++counts_.matched;
-      if (!options_.status && !options_.quiet) printResult(name, "OK");
     } else {
       ++counts_.mismatched;
-      if (!options_.status) printResult(name, "FAILED");
+    }
+    const char* outcome = matched != nullptr ? "OK" : "FAILED";
+    if (options_.json) {
+      jsonLines_.push_back(entryJson(line, matched, outcome, result));
+      return;
+    }
+    if (options_.status || (matched != nullptr && options_.quiet)) return;
+    if (!options_.verbose) {
+      printResult(name, outcome);
+    } else if (matched != nullptr) {
+      printResult(name, "OK (" + std::string(matched->tag) + ')');
+    } else {
+      printResult(name, "FAILED (" + candidateTags(entry.candidates) + ')');
     }
   }
 
   // "<name>: <result>" on stdout, kept apart from the progress line.
-  void printResult(const std::string& name, const char* result) {
+  void printResult(const std::string& name, const std::string& result) {
     reporter_.writeOutput(out_, [&] { out_ << name << ": " << result << '\n'; });
   }
 
   void finishList(const ChecksumList& list) {
     out_.flush();
+    totals_.add(counts_);
+    if (options_.json) {
+      nlohmann::ordered_json record = nlohmann::ordered_json::object();
+      putName(record, "name", list.name);
+      if (list.readError) record["error"] = *list.readError;
+      record["lines"] = std::move(jsonLines_);
+      record["totals"] = countsJson(counts_);
+      jsonLists_.push_back(std::move(record));
+      jsonLines_ = nlohmann::ordered_json::array();
+    }
     if (list.readError) {
       reporter_.error(list.name, *list.readError);
       failed_ = true;
@@ -264,6 +374,9 @@ class ResultPrinter {
   std::size_t list_ = 0;
   std::size_t line_ = 0;
   Counts counts_;
+  Counts totals_;
+  nlohmann::ordered_json jsonLines_ = nlohmann::ordered_json::array();
+  nlohmann::ordered_json jsonLists_ = nlohmann::ordered_json::array();
   bool failed_ = false;
   bool malformed_ = false;
 };
@@ -274,13 +387,21 @@ CLI::App* addCheckCommand(CLI::App& app, CheckOptions& options) {
   CLI::App* check = app.add_subcommand("check", "Verify files against checksum lists");
   check
       ->add_option("-a,--algorithm", options.algorithm,
-                   "Algorithm of untagged '<checksum>  <path>' lines (default: from the length "
-                   "of the checksum). Known: " +
+                   "Algorithm of untagged '<checksum>  <path>' lines (default: from the list's "
+                   "name suffix or the length of the checksum). Known: " +
                        knownAlgorithmNames())
       ->type_name("ALGO");
-  check->add_flag("--quiet", options.quiet, "Do not print OK lines");
-  check->add_flag("--status", options.status,
-                  "Print nothing on stdout and no warnings; the exit status tells");
+  check->add_flag("-v,--verbose", options.verbose,
+                  "Name the algorithm in result lines: the one that matched, or every one tried");
+  CLI::Option* quiet = check->add_flag("--quiet", options.quiet, "Do not print OK lines");
+  CLI::Option* status = check->add_flag(
+      "--status", options.status, "Print nothing on stdout and no warnings; the exit status tells");
+  check
+      ->add_flag("--json", options.json,
+                 "Write one JSON document with every line, its candidate algorithms and result, "
+                 "instead of result lines")
+      ->excludes(quiet)
+      ->excludes(status);
   check->add_flag("--strict", options.strict, "Fail (exit 2) when a line is improperly formatted");
   check->add_flag("-w,--warn", options.warn, "Report each improperly formatted line");
   check->add_flag("--ignore-missing", options.ignoreMissing,
@@ -294,8 +415,13 @@ CLI::App* addCheckCommand(CLI::App& app, CheckOptions& options) {
   addCommonOptions(*check, options.common);
   check->footer(
       "Lines: '<checksum>  <path>', '<checksum> *<path>' or '<TAG> (<path>) = <checksum>', "
-      "escaped when they start with '\\'; '#' comments and empty lines are ignored. Output per "
-      "line: '<path>: OK', '<path>: FAILED' or '<path>: FAILED open or read'.\n"
+      "escaped when they start with '\\'; '#' comments and empty lines are ignored. The "
+      "algorithm of an untagged line comes from -a, else from the list's name ending in .md5, "
+      ".xxh128, .xxh3 or .xxh64 (when the length fits), else from the length: 32 hex digits are "
+      "MD5 or XXH128, 16 are XXH64 or XXH3, and the line is OK when either matches.\n"
+      "Output per line: '<path>: OK', '<path>: FAILED' or '<path>: FAILED open or read'; with "
+      "-v 'OK (XXH128)' names the algorithm that matched and 'FAILED (MD5 or XXH128)' every one "
+      "tried.\n"
       "Exit status: 0 every listed file matched, 1 a mismatch, a missing or unreadable file or "
       "list, or nothing verified, 2 usage error, a list without properly formatted lines or "
       "(--strict) an improperly formatted line.");
@@ -343,6 +469,9 @@ int runCheckCommand(const CheckOptions& options, std::ostream& out, std::ostream
       },
       [&](std::size_t i) { printer.printReady(i + 1); });
   printer.printReady(jobs.size());
+  if (options.json) {
+    reporter.writeOutput(out, [&] { out << dumpJson(printer.jsonDocument()) << '\n'; });
+  }
 
   out.flush();
   reporter.finish();

@@ -1,8 +1,8 @@
 // The `check` command of corvane-checksum: verifies files against checksum lists written by this
 // tool, by sha*sum/md5sum (GNU and --tag lines) and by xxhsum.
 //
-//   corvane-checksum check [-a ALGO] [--quiet] [--status] [--strict] [-w] [--ignore-missing]
-//                          [-j N] [--no-progress] [--summary] LISTFILE...
+//   corvane-checksum check [-a ALGO] [-v] [--json] [--quiet] [--status] [--strict] [-w]
+//                          [--ignore-missing] [-j N] [--no-progress] [--summary] LISTFILE...
 //
 // See docs/corvane-checksum.md for the line forms, messages and exit statuses.
 #pragma once
@@ -17,7 +17,9 @@
 namespace corvane::tool {
 
 struct CheckOptions {
-  std::string algorithm;  // empty: from the tag or the checksum length
+  std::string algorithm;  // empty: from the tag, the list's name or the checksum length
+  bool verbose = false;   // name the algorithm in result lines
+  bool json = false;      // one JSON document instead of result lines
   bool quiet = false;
   bool status = false;
   bool strict = false;

@@ -48,16 +48,19 @@ bool fitsAlgorithm(const AlgorithmName& algorithm, std::string_view text) {
   return text.size() == hexDigitsOf(algorithm);
 }
 
-// The algorithm of a GNU line without -a, from the form of its checksum; null if none fits.
-const AlgorithmName* guessAlgorithm(std::string_view text) {
-  if (isC4Id(text)) return findAlgorithm("c4");
-  if (!isHex(text)) return nullptr;
-  // XXH3 and XXH128 share their lengths with xxh64 and MD5; only -a or a tag selects them.
-  for (const std::string_view name : {"md5", "sha1", "sha256", "sha512", "crc32", "xxh64"}) {
+// The algorithms whose checksums have the form of `text`, for a GNU line that nothing else
+// settles; empty if none fits.
+std::vector<const AlgorithmName*> candidatesOf(std::string_view text) {
+  if (isC4Id(text)) return {findAlgorithm("c4")};
+  std::vector<const AlgorithmName*> candidates;
+  if (!isHex(text)) return candidates;
+  // A CRC-32 is taken from the length only with its 8 digits: shorter ones need -a or a tag.
+  for (const std::string_view name :
+       {"md5", "xxh128", "sha1", "sha256", "sha512", "crc32", "xxh64", "xxh3"}) {
     const AlgorithmName* algorithm = findAlgorithm(name);
-    if (text.size() == hexDigitsOf(*algorithm)) return algorithm;
+    if (text.size() == hexDigitsOf(*algorithm)) candidates.push_back(algorithm);
   }
-  return nullptr;
+  return candidates;
 }
 
 const AlgorithmName* findTag(std::string_view tag) {
@@ -86,25 +89,31 @@ std::optional<ChecksumListEntry> parseTagLine(std::string_view line) {
   if (close == std::string_view::npos || close < open + 2) return std::nullopt;
   const std::string_view checksum = line.substr(close + 4);
   if (!fitsAlgorithm(*algorithm, checksum)) return std::nullopt;
-  return ChecksumListEntry{algorithm, normalizedChecksum(*algorithm, checksum),
+  return ChecksumListEntry{{algorithm},
+                           normalizedChecksum(*algorithm, checksum),
                            std::string(line.substr(open + 2, close - open - 2))};
 }
 
 // "<checksum>  <name>" or "<checksum> *<name>".
 std::optional<ChecksumListEntry> parseGnuLine(std::string_view line,
-                                              const AlgorithmName* gnuAlgorithm) {
+                                              const GnuLineContext& context) {
   const auto space = line.find(' ');
   if (space == std::string_view::npos || space + 2 >= line.size()) return std::nullopt;
   if (line[space + 1] != ' ' && line[space + 1] != '*') return std::nullopt;
   const std::string_view checksum = line.substr(0, space);
-  const AlgorithmName* algorithm = gnuAlgorithm;
-  if (algorithm == nullptr) {
-    algorithm = guessAlgorithm(checksum);
-    if (algorithm == nullptr) return std::nullopt;
-  } else if (!fitsAlgorithm(*algorithm, checksum)) {
-    return std::nullopt;
+  std::vector<const AlgorithmName*> candidates;
+  if (context.forced != nullptr) {
+    if (!fitsAlgorithm(*context.forced, checksum)) return std::nullopt;
+    candidates = {context.forced};
+  } else if (context.listSuffix != nullptr && fitsAlgorithm(*context.listSuffix, checksum)) {
+    candidates = {context.listSuffix};
+  } else {
+    candidates = candidatesOf(checksum);
+    if (candidates.empty()) return std::nullopt;
   }
-  return ChecksumListEntry{algorithm, normalizedChecksum(*algorithm, checksum),
+  // Every candidate of one line writes its checksum the same way (hex, or C4 for C4 alone).
+  std::string normalized = normalizedChecksum(*candidates.front(), checksum);
+  return ChecksumListEntry{std::move(candidates), std::move(normalized),
                            std::string(line.substr(space + 2))};
 }
 
@@ -115,14 +124,14 @@ std::string_view withoutLeadingZeros(std::string_view hex) {
 
 }  // namespace
 
-ParsedChecksumLine parseChecksumLine(std::string_view line, const AlgorithmName* gnuAlgorithm) {
+ParsedChecksumLine parseChecksumLine(std::string_view line, const GnuLineContext& context) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   if (line.empty() || line.front() == '#') return IgnoredLine{};
   const bool escaped = line.front() == '\\';
   if (escaped) line.remove_prefix(1);
 
   std::optional<ChecksumListEntry> entry = parseTagLine(line);
-  if (!entry) entry = parseGnuLine(line, gnuAlgorithm);
+  if (!entry) entry = parseGnuLine(line, context);
   if (!entry || entry->path.empty()) return ImproperLine{};
   if (escaped) {
     std::optional<std::string> name = unescapeName(entry->path);
@@ -132,6 +141,17 @@ ParsedChecksumLine parseChecksumLine(std::string_view line, const AlgorithmName*
   // No file name holds a NUL byte.
   if (entry->path.find('\0') != std::string::npos) return ImproperLine{};
   return std::move(*entry);
+}
+
+const AlgorithmName* listSuffixAlgorithm(std::string_view listPath) {
+  const auto dot = listPath.rfind('.');
+  if (dot == std::string_view::npos) return nullptr;
+  std::string suffix(listPath.substr(dot + 1));
+  std::ranges::transform(suffix, suffix.begin(), asciiLower);
+  for (const std::string_view name : {"md5", "xxh128", "xxh3", "xxh64"}) {
+    if (suffix == name) return findAlgorithm(name);
+  }
+  return nullptr;
 }
 
 bool checksumsMatch(const AlgorithmName& algorithm, std::string_view expected,

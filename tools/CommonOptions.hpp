@@ -44,7 +44,8 @@ inline void addAlgorithmListOption(CLI::App& command, std::vector<std::string>& 
                       ", comma-separated and/or repeated, in the order given (default: xxh64). "
                       "Known: " +
                       knownAlgorithmNames() + note)
-      ->delimiter(',')
+      // Commas are split by parseAlgorithmList, not by the parser: it refuses empty names
+      // ("md5,", ","), which the parser's own splitting would drop silently.
       ->allow_extra_args(false)
       ->type_name("ALGO[,ALGO...]");
 }

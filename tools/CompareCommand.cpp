@@ -10,10 +10,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
+#include <string_view>
 #include <variant>
 
 #include "ExitStatus.hpp"
 #include "FileHasher.hpp"
+#include "NameMatching.hpp"
 #include "OutputFormat.hpp"
 #include "PathWalker.hpp"
 #include "corvane/ChecksumLookup.hpp"
@@ -22,7 +24,16 @@
 namespace corvane::tool {
 namespace {
 
-enum class Outcome { kOk, kMissing, kNew, kSizeDiffers, kChecksumDiffers, kUnreadable, kNotice };
+enum class Outcome {
+  kOk,
+  kMissing,
+  kNew,
+  kSizeDiffers,
+  kChecksumDiffers,
+  kUnreadable,
+  kCollision,
+  kNotice,
+};
 
 const char* outcomeName(Outcome outcome) {
   switch (outcome) {
@@ -38,18 +49,42 @@ const char* outcomeName(Outcome outcome) {
       return "checksum differs";
     case Outcome::kUnreadable:
       return "unreadable";
+    case Outcome::kCollision:
+      return "name collision";
     case Outcome::kNotice:
       return "skipped";
   }
   return "";
 }
 
-// One relative path and what each side has there.
+// One entry of the report: what each side has under one name.
 struct Entry {
+  // The name it is reported under: the source's relative path when there is a source side.
   std::string relative;
   const WalkItem* source = nullptr;
   const WalkItem* destination = nullptr;
+  // A pair whose two sides carry different names: how they differ, and whether --match-names
+  // takes them for one name (if not, they were paired because they differ only in normalisation
+  // or case, and the copy is not faithful).
+  NameDifference nameDifference = NameDifference::kNone;
+  bool nameAccepted = true;
+  // One of several names of one side that are one name under the mode: never paired.
+  bool collision = false;
 };
+
+const char* namesDifferMessage(NameDifference difference) {
+  switch (difference) {
+    case NameDifference::kNone:
+      break;
+    case NameDifference::kNormalisation:
+      return "names differ only in Unicode normalisation";
+    case NameDifference::kCase:
+      return "names differ only in case";
+    case NameDifference::kCaseAndNormalisation:
+      return "names differ in case and Unicode normalisation";
+  }
+  return "";
+}
 
 struct Difference {
   const AlgorithmName* algorithm;
@@ -69,26 +104,90 @@ std::optional<std::string> statReason(const std::string& path, struct stat& stat
   return std::nullopt;
 }
 
-// Both sides' items paired by relative path; both inputs are sorted by it.
-std::vector<Entry> pairByPath(const std::vector<WalkItem>& source,
-                              const std::vector<WalkItem>& destination) {
+// Both sides' items paired by name, in byte order of the name they are reported under.
+//
+// Names are first grouped by their key under `matching`. A group of one name on each side is a
+// pair; a group holding several names of one side is a collision, every member of it (of both
+// sides) reported on its own. Names left alone are then grouped by the key of each looser mode
+// in turn (NFC, then case-insensitive): one name on each side makes a pair whose names the mode
+// does not accept, several names on one side facing the other a collision (there is no telling
+// which is the copy). What is still alone at the end is missing or new.
+std::vector<Entry> pairEntries(const std::vector<WalkItem>& source,
+                               const std::vector<WalkItem>& destination, NameMatching matching) {
+  struct Named {
+    std::string_view key;
+    bool inDestination;
+    const WalkItem* item;
+  };
   std::vector<Entry> entries;
-  std::size_t s = 0;
-  std::size_t d = 0;
-  while (s < source.size() || d < destination.size()) {
-    if (d == destination.size() ||
-        (s < source.size() && source[s].relative < destination[d].relative)) {
-      entries.push_back({source[s].relative, &source[s], nullptr});
-      ++s;
-    } else if (s == source.size() || destination[d].relative < source[s].relative) {
-      entries.push_back({destination[d].relative, nullptr, &destination[d]});
-      ++d;
-    } else {
-      entries.push_back({source[s].relative, &source[s], &destination[d]});
-      ++s;
-      ++d;
+  std::vector<const WalkItem*> sourceLeft;
+  std::vector<const WalkItem*> destinationLeft;
+  for (const WalkItem& item : source) sourceLeft.push_back(&item);
+  for (const WalkItem& item : destination) destinationLeft.push_back(&item);
+  for (const NameMatching level :
+       {NameMatching::kExact, NameMatching::kNfc, NameMatching::kCaseInsensitive}) {
+    if (level < matching) continue;
+    const bool chosen = level == matching;
+    // A looser mode only pairs names of both sides.
+    if (!chosen && (sourceLeft.empty() || destinationLeft.empty())) continue;
+    // Keys other than the names themselves live in `keys`, which is never resized once filled
+    // so that `named` can point into it.
+    std::vector<std::string> keys;
+    std::vector<Named> named;
+    keys.reserve(sourceLeft.size() + destinationLeft.size());
+    named.reserve(sourceLeft.size() + destinationLeft.size());
+    for (const bool inDestination : {false, true}) {
+      for (const WalkItem* item : inDestination ? destinationLeft : sourceLeft) {
+        if (level == NameMatching::kExact) {
+          named.push_back({item->relative, inDestination, item});
+        } else {
+          keys.push_back(nameKey(item->relative, level));
+          named.push_back({keys.back(), inDestination, item});
+        }
+      }
+    }
+    sourceLeft.clear();
+    destinationLeft.clear();
+    // Groups of equal keys, the source's names first in each.
+    std::sort(named.begin(), named.end(), [](const Named& a, const Named& b) {
+      return a.key != b.key ? a.key < b.key : a.inDestination < b.inDestination;
+    });
+    for (std::size_t begin = 0, end = 0; begin < named.size(); begin = end) {
+      std::size_t sources = 0;
+      for (end = begin; end < named.size() && named[end].key == named[begin].key; ++end) {
+        if (!named[end].inDestination) ++sources;
+      }
+      const std::size_t destinations = end - begin - sources;
+      if (sources == 1 && destinations == 1) {
+        const WalkItem* from = named[begin].item;
+        const WalkItem* to = named[begin + 1].item;
+        entries.push_back({from->relative, from, to, nameDifference(from->relative, to->relative),
+                           chosen, false});
+      } else if (chosen ? sources > 1 || destinations > 1 : sources > 0 && destinations > 0) {
+        for (std::size_t k = begin; k < end; ++k) {
+          const WalkItem* item = named[k].item;
+          entries.push_back({item->relative, named[k].inDestination ? nullptr : item,
+                             named[k].inDestination ? item : nullptr, NameDifference::kNone, true,
+                             true});
+        }
+      } else {
+        for (std::size_t k = begin; k < end; ++k) {
+          (named[k].inDestination ? destinationLeft : sourceLeft).push_back(named[k].item);
+        }
+      }
     }
   }
+  for (const WalkItem* item : sourceLeft) entries.push_back({item->relative, item, nullptr});
+  for (const WalkItem* item : destinationLeft) entries.push_back({item->relative, nullptr, item});
+  // Every item is in one entry, so (name, side, destination name) orders them completely.
+  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    if (a.relative != b.relative) return a.relative < b.relative;
+    if ((a.source == nullptr) != (b.source == nullptr)) return a.source != nullptr;
+    if (a.destination == nullptr || b.destination == nullptr) {
+      return a.destination == nullptr && b.destination != nullptr;
+    }
+    return a.destination->relative < b.destination->relative;
+  });
   return entries;
 }
 
@@ -109,7 +208,17 @@ CLI::App* addCompareCommand(CLI::App& app, CompareOptions& options) {
   compare->add_flag("--no-cache", options.noCache,
                     "Read the destination past the page cache (its cached pages are dropped "
                     "before and while reading), so that the disk is verified, not memory");
-  compare->add_flag("-v,--verbose", options.verbose, "Also print a line for every matching file");
+  compare
+      ->add_option("--match-names", options.matchNames,
+                   "Which names are one name: 'exact' bytes (default), 'nfc' (also names that "
+                   "differ only in Unicode normalisation, as after a copy through macOS) or "
+                   "'case-insensitive' (also names that differ only in case, as after a copy "
+                   "through exFAT or a case-insensitive volume). Left-over names that differ only "
+                   "so are still paired and reported; names of one side that are one name are "
+                   "reported as collisions")
+      ->type_name("exact|nfc|case-insensitive");
+  compare->add_flag("-v,--verbose", options.verbose,
+                    "Also print a line for every matching file and pair matched under other names");
   compare->add_flag("--json", options.json,
                     "Write one JSON document with every file, the totals and the record of what "
                     "was compared");
@@ -120,10 +229,13 @@ CLI::App* addCompareCommand(CLI::App& app, CompareOptions& options) {
   addCommonOptions(*compare, options.common);
   compare->footer(
       "Output: 'missing: <path>', 'new: <path>', 'size differs: <path> (<n> != <m> bytes)', "
-      "'checksum differs: <path> (<TAG> <src> != <dst>)', 'unreadable: <path>' (and 'ok: <path>' "
-      "with -v), then 'compared <F> files: ...'.\n"
-      "Exit status: 0 identical, 1 a size or checksum differs or a file is unreadable, 2 usage "
-      "error, 3 files missing in or new in DST (and nothing worse).");
+      "'checksum differs: <path> (<TAG> <src> != <dst>)', 'unreadable: <path>', "
+      "'names differ only in Unicode normalisation: <src name> != <dst name>' (or '... only in "
+      "case', 'names differ in case and Unicode normalisation'), 'name collision: <name> "
+      "(source|destination)' (and 'ok: <path>' with -v), then 'compared <F> files: ...'.\n"
+      "Exit status: 0 identical, 1 a size or checksum differs, a file is unreadable or names "
+      "collide, 2 usage error, 3 files missing in or new in DST or pairs whose names differ in a "
+      "way --match-names does not allow (and nothing worse).");
   return compare;
 }
 
@@ -133,6 +245,11 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     return usageError(err, error->message);
   }
   const auto algorithms = std::get<std::vector<const AlgorithmName*>>(std::move(parsed));
+  const std::optional<NameMatching> matching = parseNameMatching(options.matchNames);
+  if (!matching) {
+    return usageError(err, "--match-names: unknown value '" + options.matchNames +
+                               "' (known: exact, nfc, case-insensitive)");
+  }
 
   RunReporter reporter(options.common.reportSettings(), err);
   struct stat sourceStatus {};
@@ -162,7 +279,7 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     const std::string name = std::filesystem::path(options.source).filename().string();
     sourceItems.front().relative = destinationItems.front().relative = name;
   }
-  const std::vector<Entry> entries = pairByPath(sourceItems, destinationItems);
+  const std::vector<Entry> entries = pairEntries(sourceItems, destinationItems, *matching);
 
   std::uint64_t filesToRead = 0;
   std::uint64_t bytesToRead = 0;
@@ -192,7 +309,9 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     const auto isError = [](const WalkItem* item) {
       return item != nullptr && item->kind == WalkItem::Kind::kError;
     };
-    if (isError(source) || isError(destination)) {
+    if (entry.collision) {
+      comparison.outcome = Outcome::kCollision;
+    } else if (isError(source) || isError(destination)) {
       comparison.outcome = Outcome::kUnreadable;
     } else if ((source && source->kind == WalkItem::Kind::kNotice) ||
                (destination && destination->kind == WalkItem::Kind::kNotice)) {
@@ -238,13 +357,21 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     }
   };
 
-  std::array<std::uint64_t, 7> counts{};
+  std::array<std::uint64_t, 8> counts{};
+  std::uint64_t namesDiffer = 0;
+  std::uint64_t namesNotAccepted = 0;  // pairs whose names differ in a way the mode does not allow
   nlohmann::ordered_json files = nlohmann::ordered_json::array();
   auto report = [&](std::size_t i) {
     const Entry& entry = entries[i];
     const Comparison& comparison = comparisons[i];
     ++counts[static_cast<std::size_t>(comparison.outcome)];
     const std::string& name = entry.relative;
+    const bool showNames =
+        entry.nameDifference != NameDifference::kNone && comparison.outcome != Outcome::kNotice;
+    if (showNames) {
+      ++namesDiffer;
+      if (!entry.nameAccepted) ++namesNotAccepted;
+    }
     std::uint64_t sourceSize = entry.source ? entry.source->size : 0;
     std::uint64_t destinationSize = entry.destination ? entry.destination->size : 0;
     if (comparison.source && comparison.source->size) sourceSize = *comparison.source->size;
@@ -265,8 +392,14 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
 
     if (options.json) {
       if (comparison.outcome == Outcome::kNotice) return;
-      nlohmann::ordered_json file = {{"path", entry.relative},
-                                     {"status", outcomeName(comparison.outcome)}};
+      nlohmann::ordered_json file = nlohmann::ordered_json::object();
+      putName(file, "path", entry.relative);
+      if (showNames) {
+        putName(file, "destinationPath", entry.destination->relative);
+        file["nameDifference"] = nameDifferenceName(entry.nameDifference);
+      }
+      file["status"] = outcomeName(comparison.outcome);
+      if (entry.collision) file["side"] = entry.source ? "source" : "destination";
       if (entry.source) file["sourceSize"] = sourceSize;
       if (entry.destination) file["destinationSize"] = destinationSize;
       for (const auto& [key, result] :
@@ -283,6 +416,12 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
       return;
     }
     std::ostringstream lines;
+    if (showNames &&
+        (!entry.nameAccepted || options.verbose || comparison.outcome != Outcome::kOk)) {
+      lines << namesDifferMessage(entry.nameDifference) << ": "
+            << visibleName(entry.source->relative)
+            << " != " << visibleName(entry.destination->relative) << '\n';
+    }
     switch (comparison.outcome) {
       case Outcome::kOk:
         if (options.verbose) lines << "ok: " << name << '\n';
@@ -301,6 +440,10 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
           lines << "checksum differs: " << name << " (" << difference.algorithm->tag << ' '
                 << difference.source << " != " << difference.destination << ")\n";
         }
+        break;
+      case Outcome::kCollision:
+        lines << "name collision: " << visibleName(name) << " ("
+              << (entry.source ? "source" : "destination") << ")\n";
         break;
       case Outcome::kNotice:
         break;
@@ -323,36 +466,45 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
   if (options.json) {
     nlohmann::ordered_json algorithmNames = nlohmann::ordered_json::array();
     for (const AlgorithmName* algorithm : algorithms) algorithmNames.push_back(algorithm->cliName);
-    const nlohmann::ordered_json document = {
-        {"source", options.source},
-        {"destination", options.destination},
-        {"algorithms", std::move(algorithmNames)},
-        {"files", std::move(files)},
-        {"totals",
-         {{"compared", compared},
-          {"ok", count(Outcome::kOk)},
-          {"missing", count(Outcome::kMissing)},
-          {"new", count(Outcome::kNew)},
-          {"sizeDiffers", count(Outcome::kSizeDiffers)},
-          {"checksumDiffers", count(Outcome::kChecksumDiffers)},
-          {"unreadable", count(Outcome::kUnreadable)}}},
-        {"validation", nlohmann::ordered_json(validation->encode())}};
+    nlohmann::ordered_json document = nlohmann::ordered_json::object();
+    putName(document, "source", options.source);
+    putName(document, "destination", options.destination);
+    document["algorithms"] = std::move(algorithmNames);
+    document["matchNames"] = nameMatchingName(*matching);
+    document["files"] = std::move(files);
+    document["totals"] = {{"compared", compared},
+                          {"ok", count(Outcome::kOk)},
+                          {"missing", count(Outcome::kMissing)},
+                          {"new", count(Outcome::kNew)},
+                          {"sizeDiffers", count(Outcome::kSizeDiffers)},
+                          {"checksumDiffers", count(Outcome::kChecksumDiffers)},
+                          {"unreadable", count(Outcome::kUnreadable)},
+                          {"namesDiffer", namesDiffer},
+                          {"nameCollisions", count(Outcome::kCollision)}};
+    document["validation"] = nlohmann::ordered_json(validation->encode());
     out << dumpJson(document) << '\n';
   } else {
     out << "compared " << compared << " files: " << count(Outcome::kOk) << " matched, "
         << count(Outcome::kMissing) << " missing, " << count(Outcome::kNew) << " new, "
         << count(Outcome::kSizeDiffers) << " size differs, " << count(Outcome::kChecksumDiffers)
-        << " checksum differs, " << count(Outcome::kUnreadable) << " unreadable\n";
+        << " checksum differs, " << count(Outcome::kUnreadable) << " unreadable";
+    if (namesDiffer != 0) out << ", " << namesDiffer << " names differ";
+    if (count(Outcome::kCollision) != 0) {
+      out << ", " << count(Outcome::kCollision) << " name collisions";
+    }
+    out << '\n';
   }
   out.flush();
   reporter.finish();
 
   if (count(Outcome::kSizeDiffers) + count(Outcome::kChecksumDiffers) +
-          count(Outcome::kUnreadable) + reporter.errorCount() !=
+          count(Outcome::kUnreadable) + count(Outcome::kCollision) + reporter.errorCount() !=
       0) {
     return kExitFailed;
   }
-  if (count(Outcome::kMissing) + count(Outcome::kNew) != 0) return kExitMissingOrNew;
+  if (count(Outcome::kMissing) + count(Outcome::kNew) + namesNotAccepted != 0) {
+    return kExitMissingOrNew;
+  }
   return kExitOk;
 }
 

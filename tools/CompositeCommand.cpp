@@ -6,6 +6,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <utility>
 #include <variant>
 
@@ -64,9 +65,12 @@ CLI::App* addCompositeSubcommand(CLI::App& app, CompositeOptions& options) {
       ->required()
       ->type_name("");
   composite->footer(
-      "Files are taken recursively in the byte order of their paths relative to DIR.\n"
+      "Files are taken recursively in the byte order of their paths relative to DIR. flat "
+      "combines every file's checksum (an empty folder gives the checksum of no bytes); tree "
+      "combines each distinct checksum once (files with equal content count once; stderr says "
+      "'N files, M distinct checksums'; an empty folder is an error: 'no files to combine').\n"
       "Output: '<composite>  <DIR>'.\n"
-      "Exit status: 0 composite printed, 1 a file failed, 2 usage error.");
+      "Exit status: 0 composite printed, 1 a file failed or nothing to combine, 2 usage error.");
   return composite;
 }
 
@@ -122,7 +126,10 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
         for (const auto& reason : result.errors) reporter.error(item.path, reason);
         if (!result.ok() || result.checksums.empty()) return;
         checksums.push_back(result.checksums.front().checksum);
-        files.push_back({{"path", item.relative}, {"checksum", checksums.back()}});
+        nlohmann::ordered_json file = nlohmann::ordered_json::object();
+        putName(file, "path", item.relative);
+        file["checksum"] = checksums.back();
+        files.push_back(std::move(file));
       });
   if (reporter.errorCount() != 0) status = kExitFailed;
 
@@ -144,17 +151,29 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
     }
   }
 
+  // The tree scheme combines each distinct checksum once (files with equal content count
+  // once); say so, so that nobody takes it for a checksum over every file.
+  const std::size_t distinct = std::set<std::string>(checksums.begin(), checksums.end()).size();
   if (options.json) {
-    nlohmann::ordered_json object = {
-        {"directory", options.directory},
-        {"algorithm", algorithm->type.name()},
-        {"method", options.method},
-        {"scheme", options.scheme},
-        {"composite", composite ? nlohmann::ordered_json(*composite) : nlohmann::ordered_json()},
-        {"files", std::move(files)}};
+    nlohmann::ordered_json object = nlohmann::ordered_json::object();
+    putName(object, "directory", options.directory);
+    object["algorithm"] = algorithm->type.name();
+    object["method"] = options.method;
+    object["scheme"] = options.scheme;
+    object["composite"] = composite ? nlohmann::ordered_json(*composite) : nlohmann::ordered_json();
+    object["fileCount"] = checksums.size();
+    object["distinctChecksums"] = distinct;
+    object["combined"] = tree ? distinct : checksums.size();
+    object["files"] = std::move(files);
     out << dumpJson(object) << '\n';
   } else if (composite) {
     out << *composite << "  " << options.directory << '\n';
+    if (tree) {
+      out.flush();
+      reporter.message(options.directory + ": " + counted(checksums.size(), "file", "files") +
+                       ", " + counted(distinct, "distinct checksum", "distinct checksums") +
+                       " (the tree scheme combines each distinct checksum once)");
+    }
   }
   out.flush();
   reporter.finish();

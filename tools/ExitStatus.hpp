@@ -13,6 +13,9 @@ inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 // (compare) Files missing in or new in the destination, and nothing worse.
 inline constexpr int kExitMissingOrNew = 3;
+// Standard output could not be written (a full disk, say): what was printed is incomplete,
+// whatever the run found. A reader that goes away ends the process by SIGPIPE instead.
+inline constexpr int kExitWriteError = 4;
 
 inline constexpr const char* kProgramName = "corvane-checksum";
 

@@ -49,6 +49,20 @@ std::string noChecksumReason(const AlgorithmName& algorithm) {
   return "no " + std::string(algorithm.cliName) + " checksum produced";
 }
 
+constexpr const char* kChangedWhileRead = "file changed while being read";
+
+bool sameTime(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Whether the file seen as `before` is still the same file, of the same size and modification
+// time, as `after`. A checksum of a file that changed meanwhile describes bytes that never
+// existed together on disk.
+bool unchanged(const struct stat& before, const struct stat& after) {
+  return before.st_dev == after.st_dev && before.st_ino == after.st_ino &&
+         before.st_size == after.st_size && sameTime(before.st_mtim, after.st_mtim);
+}
+
 }  // namespace
 
 // Chunk buffers reused across files. A buffer keeps its capacity, so resizing it to a chunk's
@@ -173,6 +187,11 @@ void FileResult::addSystemError(int error) {
   errors.push_back(std::strerror(error));
 }
 
+void FileResult::markChanged() {
+  errors.push_back(kChangedWhileRead);
+  checksums.clear();
+}
+
 const std::string* FileResult::checksumOf(const AlgorithmName* algorithm) const {
   for (const FileChecksum& entry : checksums) {
     if (entry.algorithm == algorithm) return &entry.checksum;
@@ -196,6 +215,12 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
       result.size = static_cast<std::uint64_t>(status.st_size);
       result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
       hashSmallFileInPieces(result);
+      // The file is opened by path here, so the same path must still name the same, unchanged
+      // file after the read.
+      struct stat after {};
+      if (result.ok() && (::stat(path.c_str(), &after) != 0 || !unchanged(status, after))) {
+        result.markChanged();
+      }
       if (onBytesRead) onBytesRead(*result.size);
       return result;
     }
@@ -220,6 +245,8 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     return result;
   }
   const bool regular = S_ISREG(status.st_mode);
+  // Standard input may stand anywhere in a regular file: what is left to read starts there.
+  const off_t startOffset = regular ? std::max<off_t>(0, ::lseek(descriptor, 0, SEEK_CUR)) : 0;
   if (!regular) ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
   result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
   ::posix_fadvise(descriptor, 0, 0,
@@ -254,6 +281,15 @@ FileResult FileHasher::hash(const std::string& path, const ByteCounter& onBytesR
     if (onBytesRead) onBytesRead(chunk->size());
   }
   result.size = file.bytesRead();
+  // What was read must be what fstat saw at open: as many bytes as its size, and neither size nor
+  // modification time changed meanwhile (a pipe or device has no size to hold it to).
+  if (regular && result.ok()) {
+    struct stat after {};
+    if (::fstat(descriptor, &after) != 0 || !unchanged(status, after) ||
+        file.bytesRead() != static_cast<std::uint64_t>(status.st_size - startOffset)) {
+      result.markChanged();
+    }
+  }
 
   // Finalising also after a read error lets every queued chunk drain before the run goes on.
   std::vector<std::optional<std::string>> texts;

@@ -46,6 +46,9 @@ struct FileResult {
   bool ok() const { return errors.empty(); }
   // Records a failure of the system with its strerror() text.
   void addSystemError(int error);
+  // Records that the file changed while it was read ("file changed while being read") and drops
+  // its checksums: they would describe bytes that never were on disk together.
+  void markChanged();
   // The checksum of `algorithm`, or null.
   const std::string* checksumOf(const AlgorithmName* algorithm) const;
 };

@@ -1,5 +1,7 @@
 #include "OutputFormat.hpp"
 
+#include <utf8proc.h>
+
 #include <cstdio>
 #include <ctime>
 
@@ -24,6 +26,10 @@ void writeChecksumLine(std::ostream& out, const LineSettings& settings,
   out << line;
 }
 
+std::string counted(std::uint64_t count, const char* singular, const char* plural) {
+  return std::to_string(count) + ' ' + (count == 1 ? singular : plural);
+}
+
 std::string formatUtcTime(const FileTime& time) {
   const std::time_t seconds = static_cast<std::time_t>(time.seconds);
   std::tm parts{};
@@ -33,6 +39,59 @@ std::string formatUtcTime(const FileTime& time) {
                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
                 static_cast<long long>(time.nanoseconds));
   return text;
+}
+
+bool isValidUtf8(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  auto left = static_cast<utf8proc_ssize_t>(text.size());
+  while (left > 0) {
+    utf8proc_int32_t codePoint = 0;
+    const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &codePoint);
+    if (length <= 0) return false;
+    bytes += length;
+    left -= length;
+  }
+  return true;
+}
+
+void putName(nlohmann::ordered_json& object, std::string_view key, const std::string& name) {
+  const std::string field(key);
+  if (isValidUtf8(name)) {
+    object[field] = name;
+    return;
+  }
+  static constexpr char kHexDigits[] = "0123456789abcdef";
+  std::string readable;
+  std::string hex;
+  hex.reserve(2 * name.size());
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    hex += kHexDigits[byte >> 4];
+    hex += kHexDigits[byte & 15];
+  }
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(name.data());
+  auto left = static_cast<utf8proc_ssize_t>(name.size());
+  while (left > 0) {
+    utf8proc_int32_t codePoint = 0;
+    const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &codePoint);
+    if (length <= 0) {
+      readable += "\\x";
+      readable += kHexDigits[*bytes >> 4];
+      readable += kHexDigits[*bytes & 15];
+      ++bytes;
+      --left;
+      continue;
+    }
+    if (*bytes == '\\') {
+      readable += "\\\\";
+    } else {
+      readable.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+    }
+    bytes += length;
+    left -= length;
+  }
+  object[field] = std::move(readable);
+  object[field + "Hex"] = std::move(hex);
 }
 
 std::string dumpJson(const nlohmann::ordered_json& document) {
@@ -52,7 +111,9 @@ void HashJsonDocument::addFile(const FileResult& result) {
   for (const FileChecksum& entry : result.checksums) {
     checksums[std::string(entry.algorithm->cliName)] = entry.checksum;
   }
-  nlohmann::ordered_json file = {{"path", result.path}, {"size", result.size.value_or(0)}};
+  nlohmann::ordered_json file = nlohmann::ordered_json::object();
+  putName(file, "path", result.path);
+  file["size"] = result.size.value_or(0);
   if (result.modified) file["modified"] = formatUtcTime(*result.modified);
   file["checksums"] = std::move(checksums);
   files_.push_back(std::move(file));
@@ -61,7 +122,10 @@ void HashJsonDocument::addFile(const FileResult& result) {
 }
 
 void HashJsonDocument::addError(const std::string& path, const std::string& reason) {
-  files_.push_back({{"path", path}, {"error", reason}});
+  nlohmann::ordered_json file = nlohmann::ordered_json::object();
+  putName(file, "path", path);
+  file["error"] = reason;
+  files_.push_back(std::move(file));
   ++errors_;
 }
 

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "FileHasher.hpp"
 
@@ -29,12 +30,25 @@ void writeChecksumLine(std::ostream& out, const LineSettings& settings,
                        const AlgorithmName& algorithm, const std::string& path,
                        const std::string& checksum);
 
+// "1 file" / "2 files": the count with the singular or plural form of what it counts.
+std::string counted(std::uint64_t count, const char* singular, const char* plural);
+
 // "2026-11-22T10:00:00.123456789Z".
 std::string formatUtcTime(const FileTime& time);
 
-// A JSON dump that never fails: names are bytes, not necessarily UTF-8, so bytes that cannot be
-// encoded become U+FFFD.
+// A JSON dump that never fails. Names must go in through putName, which keeps them lossless;
+// any other text that is not UTF-8 would have its bad bytes replaced by U+FFFD.
 std::string dumpJson(const nlohmann::ordered_json& document);
+
+// Stores the file name `name` (bytes, not necessarily UTF-8) in `object` without losing any of
+// it. A name that is valid UTF-8 goes under `key` as it is. Otherwise `key` gets a readable form
+// (valid sequences kept, every other byte written as "\xHH", a backslash as "\\") and
+// `<key>Hex` the name's raw bytes in lower-case hexadecimal, so that two names never collapse
+// into one and the file can be found again from the report.
+void putName(nlohmann::ordered_json& object, std::string_view key, const std::string& name);
+
+// Whether `text` is valid UTF-8 (no overlong forms, surrogates or code points past U+10FFFF).
+bool isValidUtf8(std::string_view text);
 
 // The JSON document of `hash --json`:
 // {"algorithms": [...], "files": [{"path", "size", "modified", "checksums": {...}} or

@@ -19,6 +19,7 @@
 #include "CompositeCommand.hpp"
 #include "ExitStatus.hpp"
 #include "HashCommand.hpp"
+#include "StandardOutput.hpp"
 #include "corvane/Version.hpp"
 
 namespace {
@@ -62,7 +63,10 @@ int run(int argc, char** argv) {
       "Run '" + std::string(kProgramName) +
       " COMMAND --help' for the options of a command; docs/corvane-checksum.md has them all.\n"
       "Exit status: 0 success, 1 mismatch or missing/unreadable file, 2 usage error (or a "
-      "malformed checksum list), 3 files missing or new in the destination of compare.");
+      "malformed checksum list), 3 files missing or new (or names differing only in normalisation "
+      "or "
+      "case) in the destination of compare, 4 standard "
+      "output could not be written (a closed pipe ends the run by SIGPIPE, 141 in a shell).");
 
   HashOptions hashOptions;
   CLI::App* hash = addHashCommand(app, hashOptions);
@@ -94,14 +98,16 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A reader that goes away early (`corvane-checksum ... | head`) ends the output quietly
-  // instead of killing the process in the middle of a run.
+  // Writes to a reader that went away fail with EPIPE, which StandardOutput turns into a quiet
+  // end by SIGPIPE; with the signal ignored until then, no other write (stderr) can kill us.
   std::signal(SIGPIPE, SIG_IGN);
+  StandardOutput output;
+  int status = kExitFailed;
   try {
-    return run(argc, argv);
+    status = run(argc, argv);
   } catch (const std::exception& error) {
     std::cout.flush();
     std::cerr << kProgramName << ": " << error.what() << '\n';
-    return kExitFailed;
   }
+  return output.finish(status);
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -133,7 +134,7 @@ TEST(CheckCommand, VerifiesXxhsumListsPlainAndTagged) {
   expectRoundTrip("xxhsum -H1");
   // xxhsum 0.8 writes tag lines for -H3 even without --tag.
   expectRoundTrip("xxhsum -H3");
-  // 32 hex digits are MD5 unless -a says otherwise.
+  // -a settles the algorithm of 32-digit lines.
   expectRoundTrip("xxhsum -H2", 1, {"-a", "xxh128"});
 }
 
@@ -534,10 +535,315 @@ TEST(CheckCommand, HelpDescribesOptionsAndExitStatus) {
   EXPECT_EQ(run.status, 0);
   for (const char* text :
        {"--algorithm", "--quiet", "--status", "--strict", "--warn", "--ignore-missing", "--jobs",
-        "--no-progress", "--summary", "Exit status: 0"}) {
+        "--no-progress", "--summary", "Exit status: 0", "--verbose", "--json", "OK (XXH128)",
+        "FAILED (MD5 or XXH128)", ".xxh128"}) {
     EXPECT_NE(run.out.find(text), std::string::npos) << text;
   }
   EXPECT_EQ(checkIn(scratch, {"-h"}).out, run.out);
+}
+
+// --- lines whose length fits several algorithms ----------------------------------------------
+
+// xxhsum 0.8.1 writes XXH3 checksums as tag lines even without --tag: "XXH3 (f) = <16 digits>".
+// This command (names follow it) turns them into the GNU form "<16 digits>  f" that other
+// programs write for XXH3; lines already in GNU form pass through.
+const std::string kXxh3GnuCommand =
+    "sh -c " +
+    shellQuote("xxhsum -H3 \"$@\" | sed 's/^XXH3 (\\(.*\\)) = \\([0-9a-f]*\\)$/\\2  \\1/'") +
+    " xxh3-gnu";
+
+TEST(CheckCommand, VerifiesXxhsumGnuListsWithoutAlgorithmOption) {
+  SKIP_WITHOUT("xxhsum");
+  expectRoundTrip("xxhsum -H2");  // XXH128: 32 digits, as MD5
+  expectRoundTrip("xxhsum -H1");  // xxHash64: 16 digits, as XXH3
+  expectRoundTrip("md5sum");
+}
+
+TEST(CheckCommand, VerifiesXxh3GnuListsWithoutAlgorithmOption) {
+  SKIP_WITHOUT("xxhsum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  EXPECT_EQ(shellIn(scratch, "xxhsum -H3 a"), "XXH3 (a) = be6903b5f625ab5a\n");
+  EXPECT_EQ(shellIn(scratch, kXxh3GnuCommand + " a"), "be6903b5f625ab5a  a\n");
+  expectRoundTrip(kXxh3GnuCommand);
+}
+
+TEST(CheckCommand, Md5AndXxh128LinesOfOneListAreEachMatched) {
+  SKIP_WITHOUT("xxhsum");
+  SKIP_WITHOUT("md5sum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  scratch.writeText("b", pseudoRandomBytes(70000, 3));
+  scratch.writeText("list", shellIn(scratch, "md5sum a b") + shellIn(scratch, "xxhsum -H2 a b") +
+                                shellIn(scratch, "md5sum b"));
+  const RunResult plain = checkIn(scratch, {"list"});
+  EXPECT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.out, "a: OK\nb: OK\na: OK\nb: OK\nb: OK\n");
+  EXPECT_EQ(plain.err, "");
+
+  const RunResult verbose = checkIn(scratch, {"-v", "list"});
+  EXPECT_EQ(verbose.status, 0);
+  EXPECT_EQ(verbose.out, "a: OK (MD5)\nb: OK (MD5)\na: OK (XXH128)\nb: OK (XXH128)\nb: OK (MD5)\n");
+  EXPECT_EQ(verbose.err, "");
+}
+
+TEST(CheckCommand, ListFileNameSuffixSettlesLinesOfItsLength) {
+  SKIP_WITHOUT("xxhsum");
+  SKIP_WITHOUT("md5sum");
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  const std::string md5 = shellIn(scratch, "md5sum a");
+  const std::string xxh128 = shellIn(scratch, "xxhsum -H2 a");
+  const std::string xxh64 = shellIn(scratch, "xxhsum -H1 a");
+  const std::string xxh3 = shellIn(scratch, kXxh3GnuCommand + " a");
+  const std::string sha256 = shellIn(scratch, "sha256sum a");
+  const std::string xxh128Tag = shellIn(scratch, "xxhsum --tag -H2 a");
+
+  struct Case {
+    std::string list;
+    std::string content;
+    std::string expected;  // with -v
+  };
+  const Case cases[] = {
+      {"list.md5", xxh128, "a: FAILED (MD5)\n"},
+      {"list.md5", md5 + sha256 + xxh128Tag, "a: OK (MD5)\na: OK (SHA256)\na: OK (XXH128)\n"},
+      {"list.xxh128", xxh128 + md5, "a: OK (XXH128)\na: FAILED (XXH128)\n"},
+      {"list.XXH3", xxh3 + xxh64, "a: OK (XXH3)\na: FAILED (XXH3)\n"},
+      {"list.xxh3", md5 + xxh128, "a: OK (MD5)\na: OK (XXH128)\n"},
+      {"list.Xxh64", xxh64 + xxh3, "a: OK (XXH64)\na: FAILED (XXH64)\n"},
+      {"list.md5sum", xxh128, "a: OK (XXH128)\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.list + ": " + test.content);
+    scratch.writeText(test.list, test.content);
+    const RunResult verbose = checkIn(scratch, {"-v", test.list});
+    const bool failed = test.expected.find("FAILED") != std::string::npos;
+    EXPECT_EQ(verbose.status, failed ? 1 : 0);
+    EXPECT_EQ(verbose.out, test.expected);
+    EXPECT_EQ(verbose.err, failed ? kPrefix + "WARNING: 1 computed checksum did NOT match\n" : "");
+    ::unlink(scratch.file(test.list).c_str());
+  }
+
+  // Standard input has no name, even when it comes from a file called *.md5.
+  scratch.writeText("input.md5", xxh128);
+  const RunResult input = runIn(scratch, {"check", "-v", "-"}, "<input.md5 ");
+  EXPECT_EQ(input.status, 0);
+  EXPECT_EQ(input.out, "a: OK (XXH128)\n");
+}
+
+TEST(CheckCommand, VerboseNamesEveryCandidateOfAFailedLine) {
+  SKIP_WITHOUT("xxhsum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", pseudoRandomBytes(5000, 11));
+  scratch.writeText("list", shellIn(scratch, "xxhsum -H2 a") + shellIn(scratch, "xxhsum -H1 a"));
+  scratch.writeText("a", pseudoRandomBytes(5000, 12));
+  const RunResult verbose = checkIn(scratch, {"-v", "list"});
+  EXPECT_EQ(verbose.status, 1);
+  EXPECT_EQ(verbose.out, "a: FAILED (MD5 or XXH128)\na: FAILED (XXH64 or XXH3)\n");
+  EXPECT_EQ(verbose.err, kPrefix + "WARNING: 2 computed checksums did NOT match\n");
+
+  const RunResult plain = checkIn(scratch, {"list"});
+  EXPECT_EQ(plain.status, 1);
+  EXPECT_EQ(plain.out, "a: FAILED\na: FAILED\n");
+  EXPECT_EQ(plain.err, verbose.err);
+}
+
+TEST(CheckCommand, VerboseNamesTheMatchedAlgorithm) {
+  SKIP_WITHOUT("xxhsum");
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  scratch.writeText(
+      "list", shellIn(scratch, "sha256sum a") + shellIn(scratch, "xxhsum --tag -H2 a") +
+                  shellIn(scratch, "xxhsum -H1 a") + shellIn(scratch, kXxh3GnuCommand + " a") +
+                  "ef46db3751d8e999  gone\n");
+  const RunResult verbose = checkIn(scratch, {"--verbose", "list"});
+  EXPECT_EQ(verbose.status, 1);
+  EXPECT_EQ(verbose.out,
+            "a: OK (SHA256)\na: OK (XXH128)\na: OK (XXH64)\na: OK (XXH3)\n"
+            "gone: FAILED open or read\n");
+  EXPECT_EQ(verbose.err, kPrefix + "gone: No such file or directory\n" + kPrefix +
+                             "WARNING: 1 listed file could not be read\n");
+
+  const RunResult quiet = checkIn(scratch, {"-v", "--quiet", "list"});
+  EXPECT_EQ(quiet.status, 1);
+  EXPECT_EQ(quiet.out, "gone: FAILED open or read\n");
+}
+
+TEST(CheckCommand, AlgorithmOptionSettlesAmbiguousLines) {
+  SKIP_WITHOUT("xxhsum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  scratch.writeText("list", shellIn(scratch, "xxhsum -H2 a"));
+  const RunResult md5 = checkIn(scratch, {"-a", "md5", "list"});
+  EXPECT_EQ(md5.status, 1);
+  EXPECT_EQ(md5.out, "a: FAILED\n");
+  EXPECT_EQ(md5.err, kPrefix + "WARNING: 1 computed checksum did NOT match\n");
+  EXPECT_EQ(checkIn(scratch, {"-v", "-a", "md5", "list"}).out, "a: FAILED (MD5)\n");
+
+  // -a goes before the name of the list.
+  scratch.writeText("list.xxh128", shellIn(scratch, "xxhsum -H2 a"));
+  EXPECT_EQ(checkIn(scratch, {"-v", "-a", "md5", "list.xxh128"}).out, "a: FAILED (MD5)\n");
+
+  scratch.writeText("list3", shellIn(scratch, kXxh3GnuCommand + " a"));
+  const RunResult xxh64 = checkIn(scratch, {"-v", "-a", "xxh64", "list3"});
+  EXPECT_EQ(xxh64.status, 1);
+  EXPECT_EQ(xxh64.out, "a: FAILED (XXH64)\n");
+}
+
+TEST(CheckCommand, FileOfSeveralAmbiguousLinesIsReadOnce) {
+  SKIP_WITHOUT("xxhsum");
+  SKIP_WITHOUT("md5sum");
+  ScratchDirectory scratch;
+  scratch.writeText("shared", pseudoRandomBytes(100000, 21));
+  scratch.writeText("list", shellIn(scratch, "md5sum shared") +
+                                shellIn(scratch, "xxhsum -H2 shared") +
+                                shellIn(scratch, "xxhsum -H1 shared") +
+                                shellIn(scratch, kXxh3GnuCommand + " shared") +
+                                shellIn(scratch, "md5sum shared"));
+  const RunResult run = checkIn(scratch, {"-v", "--summary", "list"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out,
+            "shared: OK (MD5)\nshared: OK (XXH128)\nshared: OK (XXH64)\nshared: OK (XXH3)\n"
+            "shared: OK (MD5)\n");
+  // One file, read once: 100000 bytes, not 200000 or more.
+  EXPECT_EQ(run.err.rfind(kPrefix + "1 file, 100000 bytes in ", 0), 0u) << run.err;
+}
+
+// --- JSON --------------------------------------------------------------------------------------
+
+TEST(CheckCommand, JsonReportsEveryLineWithItsCandidatesAndTheMatch) {
+  SKIP_WITHOUT("xxhsum");
+  SKIP_WITHOUT("md5sum");
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  scratch.writeText("b", "bravo");
+  const std::string latin1 = "caf\xff";
+  scratch.writeText(latin1, "cafe");
+  scratch.writeText("list", shellIn(scratch, "xxhsum -H2 a") + "# comment\n" +
+                                shellIn(scratch, "md5sum b") + "junk\n" +
+                                shellIn(scratch, "sha256sum --tag a") + "ef46db3751d8e999  gone\n" +
+                                shellIn(scratch, "xxhsum -H1 " + shellQuote(latin1)));
+  const std::string expectedB = shellIn(scratch, "md5sum b").substr(0, 32);
+  scratch.writeText("b", "BRAVO");
+
+  const RunResult run = checkIn(scratch, {"--json", "list", "no-such-list"});
+  EXPECT_EQ(run.status, 1);
+  // Messages and warnings stay on stderr.
+  EXPECT_EQ(run.err, kPrefix + "gone: No such file or directory\n" + kPrefix +
+                         "WARNING: 1 line is improperly formatted\n" + kPrefix +
+                         "WARNING: 1 listed file could not be read\n" + kPrefix +
+                         "WARNING: 1 computed checksum did NOT match\n" + kPrefix +
+                         "no-such-list: No such file or directory\n");
+  const nlohmann::json document = nlohmann::json::parse(run.out, nullptr, false);
+  ASSERT_FALSE(document.is_discarded()) << run.out;
+  ASSERT_EQ(document["lists"].size(), 2u) << run.out;
+
+  const nlohmann::json& list = document["lists"][0];
+  EXPECT_EQ(list["name"], "list");
+  EXPECT_FALSE(list.contains("error"));
+  const nlohmann::json& lines = list["lines"];
+  ASSERT_EQ(lines.size(), 6u) << run.out;
+
+  EXPECT_EQ(lines[0]["line"], 1);
+  EXPECT_EQ(lines[0]["path"], "a");
+  EXPECT_EQ(lines[0]["expected"], shellIn(scratch, "xxhsum -H2 a").substr(0, 32));
+  EXPECT_EQ(lines[0]["candidates"], nlohmann::json({"md5", "xxh128"}));
+  EXPECT_EQ(lines[0]["matched"], "xxh128");
+  EXPECT_EQ(lines[0]["result"], "OK");
+  EXPECT_FALSE(lines[0].contains("error"));
+
+  EXPECT_EQ(lines[1]["line"], 3);
+  EXPECT_EQ(lines[1]["path"], "b");
+  EXPECT_EQ(lines[1]["expected"], expectedB);
+  EXPECT_EQ(lines[1]["candidates"], nlohmann::json({"md5", "xxh128"}));
+  EXPECT_TRUE(lines[1]["matched"].is_null());
+  EXPECT_EQ(lines[1]["result"], "FAILED");
+
+  EXPECT_EQ(lines[2]["line"], 4);
+  EXPECT_EQ(lines[2]["result"], "improperly formatted");
+  EXPECT_FALSE(lines[2].contains("path"));
+
+  EXPECT_EQ(lines[3]["line"], 5);
+  EXPECT_EQ(lines[3]["candidates"], nlohmann::json({"sha256"}));
+  EXPECT_EQ(lines[3]["matched"], "sha256");
+  EXPECT_EQ(lines[3]["result"], "OK");
+
+  EXPECT_EQ(lines[4]["line"], 6);
+  EXPECT_EQ(lines[4]["path"], "gone");
+  EXPECT_EQ(lines[4]["candidates"], nlohmann::json({"xxh64", "xxh3"}));
+  EXPECT_TRUE(lines[4]["matched"].is_null());
+  EXPECT_EQ(lines[4]["result"], "FAILED open or read");
+  EXPECT_EQ(lines[4]["error"], "No such file or directory");
+
+  EXPECT_EQ(lines[5]["line"], 7);
+  EXPECT_EQ(lines[5]["path"], "caf\\xff");
+  EXPECT_EQ(lines[5]["pathHex"], "636166ff");
+  EXPECT_EQ(lines[5]["matched"], "xxh64");
+  EXPECT_EQ(lines[5]["result"], "OK");
+
+  EXPECT_EQ(list["totals"], nlohmann::json({{"lines", 6},
+                                            {"ok", 3},
+                                            {"failed", 1},
+                                            {"unreadable", 1},
+                                            {"missing", 0},
+                                            {"improper", 1}}));
+
+  const nlohmann::json& unreadable = document["lists"][1];
+  EXPECT_EQ(unreadable["name"], "no-such-list");
+  EXPECT_EQ(unreadable["error"], "No such file or directory");
+  EXPECT_TRUE(unreadable["lines"].empty());
+
+  EXPECT_EQ(document["totals"], nlohmann::json({{"lists", 2},
+                                                {"lines", 6},
+                                                {"ok", 3},
+                                                {"failed", 1},
+                                                {"unreadable", 1},
+                                                {"missing", 0},
+                                                {"improper", 1}}));
+}
+
+TEST(CheckCommand, JsonMarksFilesSkippedByIgnoreMissing) {
+  SKIP_WITHOUT("xxhsum");
+  ScratchDirectory scratch;
+  scratch.writeText("a", "alpha");
+  scratch.writeText("list", "ef46db3751d8e999  gone\n" + shellIn(scratch, "xxhsum -H2 a"));
+  const RunResult run = checkIn(scratch, {"--json", "--ignore-missing", "list"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  const nlohmann::json document = nlohmann::json::parse(run.out, nullptr, false);
+  ASSERT_FALSE(document.is_discarded()) << run.out;
+  const nlohmann::json& lines = document["lists"][0]["lines"];
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0]["path"], "gone");
+  EXPECT_EQ(lines[0]["result"], "missing");
+  EXPECT_EQ(lines[0]["error"], "No such file or directory");
+  EXPECT_EQ(lines[1]["result"], "OK");
+  EXPECT_EQ(lines[1]["matched"], "xxh128");
+  EXPECT_EQ(document["totals"]["missing"], 1);
+  EXPECT_EQ(document["totals"]["unreadable"], 0);
+  EXPECT_EQ(document["totals"]["ok"], 1);
+}
+
+TEST(CheckCommand, JsonCannotBeCombinedWithQuietOrStatus) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  scratch.writeText("a", "a");
+  scratch.writeText("list", shellIn(scratch, tool() + " hash a"));
+  const RunResult json = checkIn(scratch, {"--json", "list"});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_EQ(json.err, "");
+  EXPECT_TRUE(nlohmann::json::accept(json.out)) << json.out;
+  for (const char* option : {"--quiet", "--status"}) {
+    const RunResult run = checkIn(scratch, {"--json", option, "list"});
+    EXPECT_EQ(run.status, 2) << option;
+    EXPECT_EQ(run.out, "") << option;
+    EXPECT_EQ(run.err.rfind(kPrefix, 0), 0u) << run.err;
+  }
+  // -v adds nothing to the document, which always names the algorithms.
+  EXPECT_EQ(checkIn(scratch, {"--json", "-v", "list"}).out, json.out);
 }
 
 // --- names -----------------------------------------------------------------------------------

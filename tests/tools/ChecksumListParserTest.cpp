@@ -1,10 +1,12 @@
 // Unit tests of the checksum list line parser of corvane-checksum check: the GNU and tag line
-// forms, escaped names, comments, CRLF endings, algorithm detection and checksum comparison.
+// forms, escaped names, comments, CRLF endings, what settles the algorithm of a line (tag, -a,
+// the list's name, the length) and checksum comparison.
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "ChecksumListParser.hpp"
 
@@ -14,9 +16,13 @@ using corvane::tool::AlgorithmName;
 using corvane::tool::ChecksumListEntry;
 using corvane::tool::checksumsMatch;
 using corvane::tool::findAlgorithm;
+using corvane::tool::GnuLineContext;
 using corvane::tool::IgnoredLine;
 using corvane::tool::ImproperLine;
+using corvane::tool::listSuffixAlgorithm;
 using corvane::tool::parseChecksumLine;
+
+using Candidates = std::vector<const AlgorithmName*>;
 
 const std::string kMd5 = "d41d8cd98f00b204e9800998ecf8427e";
 const std::string kSha1 = "da39a3ee5e6b4b0d3255bfef95601890afd80709";
@@ -31,42 +37,73 @@ const std::string kC4 =
 
 const AlgorithmName* algorithm(const char* name) { return findAlgorithm(name); }
 
+Candidates only(const char* name) { return {algorithm(name)}; }
+
 // The entry of `line`, or null when it is ignored or improperly formatted.
 std::optional<ChecksumListEntry> entryOf(std::string_view line,
-                                         const AlgorithmName* gnuAlgorithm = nullptr) {
-  auto parsed = parseChecksumLine(line, gnuAlgorithm);
+                                         const GnuLineContext& context = {}) {
+  auto parsed = parseChecksumLine(line, context);
   if (auto* entry = std::get_if<ChecksumListEntry>(&parsed)) return *entry;
   return std::nullopt;
 }
 
-bool isImproper(std::string_view line, const AlgorithmName* gnuAlgorithm = nullptr) {
-  return std::holds_alternative<ImproperLine>(parseChecksumLine(line, gnuAlgorithm));
+// With the algorithm of GNU lines forced (-a).
+std::optional<ChecksumListEntry> entryOf(std::string_view line, const AlgorithmName* forced) {
+  return entryOf(line, GnuLineContext{.forced = forced});
+}
+
+// The candidates of `line`; empty when it is not an entry.
+Candidates candidatesOf(std::string_view line, const GnuLineContext& context = {}) {
+  const auto entry = entryOf(line, context);
+  return entry ? entry->candidates : Candidates{};
+}
+
+// Settled by the suffix of the list's name only.
+GnuLineContext listNamed(const char* suffixAlgorithm) {
+  return {.listSuffix = algorithm(suffixAlgorithm)};
+}
+
+bool isImproper(std::string_view line, const AlgorithmName* forced = nullptr) {
+  return std::holds_alternative<ImproperLine>(parseChecksumLine(line, {.forced = forced}));
 }
 
 bool isIgnored(std::string_view line) {
-  return std::holds_alternative<IgnoredLine>(parseChecksumLine(line, nullptr));
+  return std::holds_alternative<IgnoredLine>(parseChecksumLine(line));
 }
 
 TEST(ChecksumListParser, GnuLineAlgorithmComesFromChecksumLength) {
   const std::pair<std::string, const char*> cases[] = {
-      {kMd5, "md5"},     {kSha1, "sha1"},   {kSha256, "sha256"}, {kSha512, "sha512"},
-      {kXxh64, "xxh64"}, {kCrc32, "crc32"}, {kC4, "c4"},
+      {kSha1, "sha1"}, {kSha256, "sha256"}, {kSha512, "sha512"}, {kCrc32, "crc32"}, {kC4, "c4"},
   };
   for (const auto& [checksum, name] : cases) {
     SCOPED_TRACE(name);
     const auto entry = entryOf(checksum + "  some file.txt");
     ASSERT_TRUE(entry.has_value());
-    EXPECT_EQ(entry->algorithm, algorithm(name));
+    EXPECT_EQ(entry->candidates, only(name));
     EXPECT_EQ(entry->checksum, checksum);
     EXPECT_EQ(entry->path, "some file.txt");
   }
+}
+
+TEST(ChecksumListParser, LengthOfSeveralAlgorithmsGivesEveryCandidate) {
+  const auto md5OrXxh128 = entryOf(kMd5 + "  some file.txt");
+  ASSERT_TRUE(md5OrXxh128.has_value());
+  EXPECT_EQ(md5OrXxh128->candidates, Candidates({algorithm("md5"), algorithm("xxh128")}));
+  EXPECT_EQ(md5OrXxh128->checksum, kMd5);
+  EXPECT_EQ(md5OrXxh128->path, "some file.txt");
+
+  const auto xxh64OrXxh3 = entryOf("EF46DB3751D8E999 *f");
+  ASSERT_TRUE(xxh64OrXxh3.has_value());
+  EXPECT_EQ(xxh64OrXxh3->candidates, Candidates({algorithm("xxh64"), algorithm("xxh3")}));
+  EXPECT_EQ(xxh64OrXxh3->checksum, kXxh64);
+  EXPECT_EQ(xxh64OrXxh3->path, "f");
 }
 
 TEST(ChecksumListParser, BinaryMarkIsNotPartOfTheName) {
   const auto entry = entryOf(kSha256 + " *file.bin");
   ASSERT_TRUE(entry.has_value());
   EXPECT_EQ(entry->path, "file.bin");
-  EXPECT_EQ(entry->algorithm, algorithm("sha256"));
+  EXPECT_EQ(entry->candidates, only("sha256"));
 }
 
 TEST(ChecksumListParser, NameStartsRightAfterTheTwoCharacterSeparator) {
@@ -101,7 +138,8 @@ TEST(ChecksumListParser, TagLinesOfEveryAlgorithmAreRead) {
     SCOPED_TRACE(tag);
     const auto entry = entryOf(tag + " (dir/a b.txt) = " + checksum);
     ASSERT_TRUE(entry.has_value());
-    EXPECT_EQ(entry->algorithm->tag, tag);
+    ASSERT_EQ(entry->candidates.size(), 1u);
+    EXPECT_EQ(entry->candidates.front()->tag, tag);
     EXPECT_EQ(entry->checksum, checksum);
     EXPECT_EQ(entry->path, "dir/a b.txt");
   }
@@ -117,7 +155,15 @@ TEST(ChecksumListParser, TagLineNameMayHoldParenthesesAndEquals) {
 TEST(ChecksumListParser, TagLinesIgnoreTheForcedAlgorithm) {
   const auto entry = entryOf("SHA256 (f) = " + kSha256, algorithm("md5"));
   ASSERT_TRUE(entry.has_value());
-  EXPECT_EQ(entry->algorithm, algorithm("sha256"));
+  EXPECT_EQ(entry->candidates, only("sha256"));
+}
+
+TEST(ChecksumListParser, TagLinesIgnoreTheListSuffix) {
+  EXPECT_EQ(candidatesOf("XXH128 (f) = " + kMd5, listNamed("md5")), only("xxh128"));
+  EXPECT_EQ(candidatesOf("XXH64 (f) = " + kXxh64, listNamed("xxh3")), only("xxh64"));
+  EXPECT_EQ(candidatesOf("MD5 (f) = " + kMd5,
+                         {.forced = algorithm("xxh128"), .listSuffix = algorithm("xxh128")}),
+            only("md5"));
 }
 
 TEST(ChecksumListParser, TagLineChecksumMustFitItsTag) {
@@ -135,7 +181,7 @@ TEST(ChecksumListParser, EscapedLinesHaveTheirNamesUnescaped) {
   const auto tag = entryOf("\\SHA1 (a\\\\b) = " + kSha1);
   ASSERT_TRUE(tag.has_value());
   EXPECT_EQ(tag->path, "a\\b");
-  EXPECT_EQ(tag->algorithm, algorithm("sha1"));
+  EXPECT_EQ(tag->candidates, only("sha1"));
 }
 
 TEST(ChecksumListParser, EscapedLineWithAnUnknownEscapeIsImproper) {
@@ -162,11 +208,13 @@ TEST(ChecksumListParser, OneTrailingCarriageReturnIsDroppedEscapedOrNot) {
 TEST(ChecksumListParser, ForcedAlgorithmDecidesGnuLines) {
   const auto xxh3 = entryOf(kXxh64 + "  f", algorithm("xxh3"));
   ASSERT_TRUE(xxh3.has_value());
-  EXPECT_EQ(xxh3->algorithm, algorithm("xxh3"));
+  EXPECT_EQ(xxh3->candidates, only("xxh3"));
   const auto xxh128 = entryOf(kMd5 + "  f", algorithm("xxh128"));
   ASSERT_TRUE(xxh128.has_value());
-  EXPECT_EQ(xxh128->algorithm, algorithm("xxh128"));
-  EXPECT_EQ(entryOf(kC4 + "  f", algorithm("c4"))->algorithm, algorithm("c4"));
+  EXPECT_EQ(xxh128->candidates, only("xxh128"));
+  EXPECT_EQ(entryOf(kMd5 + "  f", algorithm("md5"))->candidates, only("md5"));
+  EXPECT_EQ(entryOf(kXxh64 + "  f", algorithm("xxh64"))->candidates, only("xxh64"));
+  EXPECT_EQ(entryOf(kC4 + "  f", algorithm("c4"))->candidates, only("c4"));
 }
 
 TEST(ChecksumListParser, ForcedAlgorithmRejectsChecksumsOfAnotherLength) {
@@ -176,9 +224,51 @@ TEST(ChecksumListParser, ForcedAlgorithmRejectsChecksumsOfAnotherLength) {
   EXPECT_TRUE(isImproper(kC4 + "  f", algorithm("sha512")));
 }
 
-TEST(ChecksumListParser, Xxh3AndXxh128AreNeverGuessedFromTheLength) {
-  EXPECT_EQ(entryOf(kXxh64 + "  f")->algorithm, algorithm("xxh64"));
-  EXPECT_EQ(entryOf(kMd5 + "  f")->algorithm, algorithm("md5"));
+TEST(ChecksumListParser, ListSuffixSettlesGnuLinesOfItsLength) {
+  EXPECT_EQ(candidatesOf(kMd5 + "  f", listNamed("md5")), only("md5"));
+  EXPECT_EQ(candidatesOf(kMd5 + "  f", listNamed("xxh128")), only("xxh128"));
+  EXPECT_EQ(candidatesOf(kXxh64 + "  f", listNamed("xxh3")), only("xxh3"));
+  EXPECT_EQ(candidatesOf(kXxh64 + "  f", listNamed("xxh64")), only("xxh64"));
+}
+
+TEST(ChecksumListParser, ListSuffixLeavesOtherLengthsToTheirOwnDetection) {
+  EXPECT_EQ(candidatesOf(kSha256 + "  f", listNamed("md5")), only("sha256"));
+  EXPECT_EQ(candidatesOf(kXxh64 + "  f", listNamed("md5")),
+            Candidates({algorithm("xxh64"), algorithm("xxh3")}));
+  EXPECT_EQ(candidatesOf(kMd5 + "  f", listNamed("xxh3")),
+            Candidates({algorithm("md5"), algorithm("xxh128")}));
+  EXPECT_EQ(candidatesOf(kCrc32 + "  f", listNamed("xxh64")), only("crc32"));
+  // Unlike -a, a suffix that does not fit never makes a line improper.
+  EXPECT_TRUE(isImproper("c103d73  f"));
+  EXPECT_TRUE(candidatesOf("c103d73  f", listNamed("md5")).empty());
+}
+
+TEST(ChecksumListParser, ForcedAlgorithmGoesBeforeTheListSuffix) {
+  EXPECT_EQ(
+      candidatesOf(kMd5 + "  f", {.forced = algorithm("md5"), .listSuffix = algorithm("xxh128")}),
+      only("md5"));
+  EXPECT_EQ(
+      candidatesOf(kXxh64 + "  f", {.forced = algorithm("xxh64"), .listSuffix = algorithm("xxh3")}),
+      only("xxh64"));
+  // A forced algorithm that does not fit makes the line improper, whatever the suffix.
+  EXPECT_TRUE(std::holds_alternative<ImproperLine>(parseChecksumLine(
+      kMd5 + "  f", {.forced = algorithm("sha256"), .listSuffix = algorithm("md5")})));
+}
+
+TEST(ChecksumListParser, ListSuffixIsTakenFromTheEndOfTheNameInAnyCase) {
+  EXPECT_EQ(listSuffixAlgorithm("list.md5"), algorithm("md5"));
+  EXPECT_EQ(listSuffixAlgorithm("dir/sums.MD5"), algorithm("md5"));
+  EXPECT_EQ(listSuffixAlgorithm("card.xxh128"), algorithm("xxh128"));
+  EXPECT_EQ(listSuffixAlgorithm("card.XXH3"), algorithm("xxh3"));
+  EXPECT_EQ(listSuffixAlgorithm("card.Xxh64"), algorithm("xxh64"));
+  EXPECT_EQ(listSuffixAlgorithm("list"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("list.md5sum"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("list.md5.txt"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("list.sha256"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("list.xxh32"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("sums.md5/list"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm("md5"), nullptr);
+  EXPECT_EQ(listSuffixAlgorithm(""), nullptr);
 }
 
 TEST(ChecksumListParser, ShortCrc32IsReadOnlyWhereTheAlgorithmIsKnown) {
@@ -186,7 +276,7 @@ TEST(ChecksumListParser, ShortCrc32IsReadOnlyWhereTheAlgorithmIsKnown) {
   EXPECT_TRUE(isImproper("c103d73  f"));
   const auto forced = entryOf("c103d73  f", algorithm("crc32"));
   ASSERT_TRUE(forced.has_value());
-  EXPECT_EQ(forced->algorithm, algorithm("crc32"));
+  EXPECT_EQ(forced->candidates, only("crc32"));
   EXPECT_EQ(forced->checksum, "c103d73");
   EXPECT_EQ(entryOf("0  f", algorithm("crc32"))->checksum, "0");
   EXPECT_EQ(entryOf("CRC32 (f) = C103D73")->checksum, "c103d73");

@@ -212,8 +212,61 @@ TEST(CorvaneChecksumComposite, JsonListsSettingsCompositeAndFilesInPathOrder) {
   for (const auto& [key, value] : ordered.items()) {
     keys.push_back(key);
   }
-  EXPECT_EQ(keys, (std::vector<std::string>{"directory", "algorithm", "method", "scheme",
-                                            "composite", "files"}));
+  EXPECT_EQ(keys,
+            (std::vector<std::string>{"directory", "algorithm", "method", "scheme", "composite",
+                                      "fileCount", "distinctChecksums", "combined", "files"}));
+  // kTree holds 7 files, two of them with the same content; the tree combines each distinct
+  // checksum once.
+  EXPECT_EQ(json["fileCount"], 7);
+  EXPECT_EQ(json["distinctChecksums"], 6);
+  EXPECT_EQ(json["combined"], 6);
+}
+
+TEST(CorvaneChecksumComposite, TreeSchemeSaysHowManyFilesAndDistinctChecksumsWentIn) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  scratch.writeText("two/hello-1", "hello");
+  scratch.writeText("two/hello-2", "hello");
+  scratch.writeText("one/hello", "hello");
+  const std::string two = (scratch.path() / "two").string();
+  const std::string one = (scratch.path() / "one").string();
+  const RunResult twoFiles = runTool({"composite", "--scheme", "tree", two});
+  const RunResult oneFile = runTool({"composite", "--scheme", "tree", one});
+  ASSERT_EQ(twoFiles.status, 0) << twoFiles.err;
+  ASSERT_EQ(oneFile.status, 0) << oneFile.err;
+  // Equal content counts once: two files "hello" give the composite of one, and say so.
+  EXPECT_EQ(twoFiles.out.substr(0, 16), oneFile.out.substr(0, 16));
+  EXPECT_EQ(twoFiles.err, "corvane-checksum: " + two +
+                              ": 2 files, 1 distinct checksum (the tree scheme combines each "
+                              "distinct checksum once)\n");
+  EXPECT_EQ(oneFile.err, "corvane-checksum: " + one +
+                             ": 1 file, 1 distinct checksum (the tree scheme combines each "
+                             "distinct checksum once)\n");
+  // The flat scheme takes every file and says nothing more.
+  const RunResult flat = runTool({"composite", "--json", two});
+  ASSERT_EQ(flat.status, 0) << flat.err;
+  EXPECT_EQ(flat.err, "");
+  const auto json = nlohmann::json::parse(flat.out);
+  EXPECT_EQ(json["fileCount"], 2);
+  EXPECT_EQ(json["distinctChecksums"], 1);
+  EXPECT_EQ(json["combined"], 2);
+  EXPECT_NE(runTool({"composite", two}).out.substr(0, 16),
+            runTool({"composite", one}).out.substr(0, 16));
+}
+
+TEST(CorvaneChecksumComposite, JsonKeepsNamesThatAreNotUtf8) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  scratch.writeText("dir/bad\xff", "1");
+  scratch.writeText("dir/bad\xfe", "2");
+  const RunResult run = runTool({"composite", "--json", (scratch.path() / "dir").string()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const auto files = nlohmann::json::parse(run.out).at("files");
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(files[0].at("path"), "bad\\xfe");
+  EXPECT_EQ(files[0].at("pathHex"), "626164fe");
+  EXPECT_EQ(files[1].at("path"), "bad\\xff");
+  EXPECT_EQ(files[1].at("pathHex"), "626164ff");
 }
 
 TEST(CorvaneChecksumComposite, EmptyDirectoryFlatIsChecksumOfZeroBytesTreeFails) {

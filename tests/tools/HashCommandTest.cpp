@@ -325,6 +325,28 @@ TEST(HashCommand, UnknownAlgorithmIsUsageError) {
   }
 }
 
+TEST(HashCommand, EmptyNameInAlgorithmListIsUsageError) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  scratch.writeText("file", "x");
+  // "-a , md5 file" must not take "md5" as the list and hash "file" with it.
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"hash", "-a", "md5,", "file"},
+        std::vector<std::string>{"hash", "-a", ",md5", "file"},
+        std::vector<std::string>{"hash", "-a", "md5,,sha1", "file"},
+        std::vector<std::string>{"hash", "-a", ",", "md5", "file"},
+        std::vector<std::string>{"hash", "-a", "", "file"},
+        std::vector<std::string>{"hash", "-a", " ", "file"},
+        std::vector<std::string>{"compare", "-a", "md5,", "file", "file"}}) {
+    SCOPED_TRACE(arguments[2]);
+    const RunResult run = runIn(scratch.path(), arguments);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find("corvane-checksum: "), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("algorithm"), std::string::npos) << run.err;
+  }
+}
+
 // ----- line formats ----------------------------------------------------------------------------
 
 TEST(HashCommand, GnuAndTagLinesEqualThoseOfTheReferencePrograms) {
@@ -836,10 +858,12 @@ TEST(HashCommand, JsonDocumentHoldsFilesErrorsAndTotals) {
   ASSERT_EQ(files.size(), 5u) << run.out;
   const auto expectFile = [&](const nlohmann::json& entry, const std::string& name,
                               const std::string& shownPath, std::uint64_t size,
-                              const std::string& dateAndTime, long nanoseconds) {
+                              const std::string& dateAndTime, long nanoseconds,
+                              const std::string& pathHex = "") {
     SCOPED_TRACE(shownPath);
-    EXPECT_EQ(entry.size(), 4u) << entry.dump();
+    EXPECT_EQ(entry.size(), pathHex.empty() ? 4u : 5u) << entry.dump();
     EXPECT_EQ(entry.at("path"), shownPath);
+    if (!pathHex.empty()) EXPECT_EQ(entry.at("pathHex"), pathHex);
     EXPECT_EQ(entry.at("size"), size);
     expectUtcTime(entry.at("modified").get<std::string>(), dateAndTime, nanoseconds);
     EXPECT_EQ(
@@ -851,12 +875,51 @@ TEST(HashCommand, JsonDocumentHoldsFilesErrorsAndTotals) {
   EXPECT_EQ(files[1], nlohmann::json({{"path", "gone"}, {"error", "No such file or directory"}}));
   expectFile(files[2], "big.bin", "big.bin", 1024 * 1024 + 3, "2000-02-29T00:00:00", 0);
   EXPECT_EQ(files[3], nlohmann::json({{"path", "dir"}, {"error", "Is a directory"}}));
-  // The invalid byte is replaced by U+FFFD.
-  expectFile(files[4], "bad\xff", "bad\xef\xbf\xbd", 18, "2099-12-31T23:59:59", 999999999);
+  // A name that is not UTF-8: readable with the bad byte written out, and its bytes in hex.
+  expectFile(files[4], "bad\xff", "bad\\xff", 18, "2099-12-31T23:59:59", 999999999, "626164ff");
 
   EXPECT_EQ(document.at("totals"),
             nlohmann::json(
                 {{"files", 5}, {"hashed", 3}, {"errors", 2}, {"bytes", 5 + 1024 * 1024 + 3 + 18}}));
+}
+
+TEST(HashCommand, JsonKeepsNamesThatAreNotUtf8ApartAndRecoverable) {
+  SKIP_WITHOUT_TOOL();
+  ScratchDirectory scratch;
+  // Two names that a lossy conversion (U+FFFD) would collapse into one, a name whose text already
+  // looks like the escaped form of the first, a backslash beside a bad byte, and valid UTF-8.
+  const std::vector<std::string> names = {"bad\xff",  "bad\xfe",     "bad\\xff",
+                                          "a\\b\x80", "caf\xc3\xa9", "over\xc0\xaflong"};
+  for (const std::string& name : names) scratch.writeText(name, "x");
+  std::vector<std::string> arguments = {"hash", "--json"};
+  arguments.insert(arguments.end(), names.begin(), names.end());
+  const RunResult run = runIn(scratch.path(), arguments);
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json files = nlohmann::json::parse(run.out).at("files");
+  ASSERT_EQ(files.size(), names.size());
+  EXPECT_EQ(files[0].at("path"), "bad\\xff");
+  EXPECT_EQ(files[0].at("pathHex"), "626164ff");
+  EXPECT_EQ(files[1].at("path"), "bad\\xfe");
+  EXPECT_EQ(files[1].at("pathHex"), "626164fe");
+  EXPECT_EQ(files[2].at("path"), "bad\\xff");  // valid UTF-8: as it is, no hex
+  EXPECT_FALSE(files[2].contains("pathHex"));
+  EXPECT_EQ(files[3].at("path"), "a\\\\b\\x80");
+  EXPECT_EQ(files[3].at("pathHex"), "615c6280");
+  EXPECT_EQ(files[4].at("path"), "caf\xc3\xa9");
+  EXPECT_FALSE(files[4].contains("pathHex"));
+  EXPECT_EQ(files[5].at("path"), "over\\xc0\\xaflong");  // an overlong '/' is not UTF-8
+  // Every name is recovered from the report: as it is, or from its hex bytes.
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    std::string recovered = files[i].at("path").get<std::string>();
+    if (files[i].contains("pathHex")) {
+      const std::string hex = files[i].at("pathHex").get<std::string>();
+      recovered.clear();
+      for (std::size_t k = 0; k < hex.size(); k += 2) {
+        recovered += static_cast<char>(std::stoi(hex.substr(k, 2), nullptr, 16));
+      }
+    }
+    EXPECT_EQ(recovered, names[i]) << i;
+  }
 }
 
 TEST(HashCommand, JsonModifiedTimeEqualsTheFilesModificationTime) {
