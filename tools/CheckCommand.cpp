@@ -7,16 +7,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <unordered_map>
 #include <variant>
 
 #include "ChecksumListParser.hpp"
+#include "EngineInput.hpp"
 #include "ExitStatus.hpp"
-#include "FileHasher.hpp"
 #include "NameEscaping.hpp"
 #include "OutputFormat.hpp"
 
@@ -43,156 +44,267 @@ std::string candidateTags(const std::vector<const AlgorithmName*>& candidates) {
   return tags;
 }
 
-// The whole content of the list at `listPath` ("-": standard input); null with `reason` when it
-// cannot be read (a directory gives "Is a directory").
-std::optional<std::string> readList(const std::string& listPath, std::string& reason) {
-  const bool standardInput = listPath == "-";
-  const int descriptor =
-      standardInput ? STDIN_FILENO : ::open(listPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) {
-    reason = std::strerror(errno);
-    return std::nullopt;
+// Reads a list line by line, so that a list of millions of lines never sits in memory whole.
+class LineReader {
+ public:
+  // "-": standard input, read from where it stands.
+  explicit LineReader(const std::string& listPath) : standardInput_(listPath == "-") {
+    descriptor_ = standardInput_ ? STDIN_FILENO : ::open(listPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor_ < 0) error_ = errno;
   }
-  std::string content;
-  char buffer[65536];
-  int error = 0;
-  while (true) {
-    const ssize_t got = ::read(descriptor, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) error = errno;
-    if (got <= 0) break;
-    content.append(buffer, static_cast<std::size_t>(got));
+  ~LineReader() {
+    if (!standardInput_ && descriptor_ >= 0) ::close(descriptor_);
   }
-  if (!standardInput) ::close(descriptor);
-  if (error != 0) {
-    reason = std::strerror(error);
-    return std::nullopt;
-  }
-  return content;
-}
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
 
-// One line of a list that is not ignored.
-struct ListLine {
-  std::size_t number = 0;                  // from 1
-  std::optional<ChecksumListEntry> entry;  // null: improperly formatted
-  std::size_t job = 0;                     // the FileJob that reads entry->path
+  // The next line without its '\n'; false at the end or after a read error (error() tells).
+  bool next(std::string& line) {
+    while (true) {
+      const auto end = buffer_.find('\n', start_);
+      if (end != std::string::npos) {
+        line.assign(buffer_, start_, end - start_);
+        start_ = end + 1;
+        return true;
+      }
+      if (ended_) {
+        if (start_ >= buffer_.size()) return false;
+        line.assign(buffer_, start_, std::string::npos);  // a last line without '\n'
+        start_ = buffer_.size();
+        return true;
+      }
+      fill();
+    }
+  }
+
+  int error() const { return error_; }
+
+ private:
+  void fill() {
+    buffer_.erase(0, start_);
+    start_ = 0;
+    if (descriptor_ < 0) {
+      ended_ = true;
+      return;
+    }
+    char chunk[65536];
+    ssize_t got;
+    do {
+      got = ::read(descriptor_, chunk, sizeof chunk);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) error_ = errno;
+    if (got <= 0) {
+      ended_ = true;
+      return;
+    }
+    buffer_.append(chunk, static_cast<std::size_t>(got));
+  }
+
+  bool standardInput_;
+  int descriptor_ = -1;
+  int error_ = 0;
+  bool ended_ = false;
+  std::string buffer_;
+  std::size_t start_ = 0;
 };
 
-struct ChecksumList {
-  std::string name;  // as shown in messages
-  std::optional<std::string> readError;
-  std::vector<ListLine> lines;
+// What the printer meets, in list order: the start of a list, its lines, its end.
+struct ListEvent {
+  enum class Kind { kListBegin, kLine, kListEnd };
+  Kind kind = Kind::kLine;
+  std::size_t list = 0;                  // index into the list names
+  std::optional<std::string> readError;  // kListBegin (cannot be opened) or kListEnd (read failed)
+  std::size_t number = 0;                // kLine: from 1
+  std::optional<ChecksumListEntry> entry = {};  // kLine: null when improperly formatted
+  std::size_t job = 0;                          // kLine with an entry: the file read for it
+  std::size_t blockFirstJob = 0;  // kLine with an entry: no earlier job is referred to
 };
 
 // One distinct file to read, with every candidate algorithm of its lines.
 struct FileJob {
   std::string path;
   std::vector<const AlgorithmName*> algorithms;
-  const FileHasher* hasher = nullptr;
-  FileResult result;
 };
 
-// Reads and parses every list, and gathers the distinct files they name: a file named by
-// several lines (of any list) is read once, with the candidates of all those lines.
-class ListLoader {
+// Reads the lists block by block, ahead of the results but bounded by the engine's window, and
+// turns each block into file jobs: a file named by several lines of one block is read once, with
+// the candidates of all those lines. Called by the engine for its next item; the events it
+// produces are taken by the printer on the caller's thread.
+class ListStream {
  public:
-  explicit ListLoader(const AlgorithmName* gnuAlgorithm) : gnuAlgorithm_(gnuAlgorithm) {}
+  // Lines per block: files named again within a block are read once.
+  static constexpr std::size_t kBlockLines = 4096;
 
-  void load(const std::string& listPath) {
-    ChecksumList& list = lists_.emplace_back();
-    const bool standardInput = listPath == "-";
-    list.name = standardInput ? kStandardInputName : listPath;
-    // Standard input has no name whose suffix could settle its lines.
-    const GnuLineContext context{
-        .forced = gnuAlgorithm_,
-        .listSuffix = standardInput ? nullptr : listSuffixAlgorithm(listPath)};
-    std::string reason;
-    const std::optional<std::string> content = readList(listPath, reason);
-    if (!content) {
-      list.readError = reason;
-      return;
+  ListStream(std::vector<std::string> listPaths, const AlgorithmName* forced)
+      : listPaths_(std::move(listPaths)), forced_(forced) {}
+
+  // The name of a list whose kListBegin event was taken.
+  std::string listName(std::size_t list) const {
+    const std::lock_guard lock(mutex_);
+    return listNames_.at(list);
+  }
+
+  // The next file to read, or nothing once every list was read.
+  std::optional<FileSetItem> nextJob() {
+    while (jobsTaken_ == jobs_.size()) {
+      if (!readBlock()) return std::nullopt;
     }
-    std::string_view rest = *content;
-    for (std::size_t number = 1; !rest.empty(); ++number) {
-      const auto end = rest.find('\n');
-      const std::string_view text = rest.substr(0, end);
-      rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-      ParsedChecksumLine parsed = parseChecksumLine(text, context);
+    const FileJob& job = jobs_[jobsTaken_++];
+    FileSetItem item = FileSetItem::path(job.path);
+    item.algorithms = checksumTypesOf(job.algorithms);
+    return item;
+  }
+
+  // Moves the events produced so far into `into`.
+  void takeEvents(std::deque<ListEvent>& into) {
+    const std::lock_guard lock(mutex_);
+    std::move(events_.begin(), events_.end(), std::back_inserter(into));
+    events_.clear();
+  }
+
+ private:
+  // Reads up to kBlockLines lines (crossing into the next lists as needed); false when nothing
+  // was left to read.
+  bool readBlock() {
+    // Every job of the previous block was taken: only this block's are kept.
+    jobBase_ += jobs_.size();
+    jobs_.clear();
+    jobsTaken_ = 0;
+    std::vector<ListEvent> block;
+    std::unordered_map<std::string, std::size_t> jobOfPath;
+    std::size_t lines = 0;
+    std::string text;
+    while (lines < kBlockLines) {
+      if (!reader_) {
+        if (nextList_ >= listPaths_.size()) break;
+        openList(block);
+        continue;
+      }
+      if (!reader_->next(text)) {
+        ListEvent end{.kind = ListEvent::Kind::kListEnd, .list = currentList_};
+        if (reader_->error() != 0) end.readError = std::strerror(reader_->error());
+        block.push_back(std::move(end));
+        reader_.reset();
+        continue;
+      }
+      ++lineNumber_;
+      ParsedChecksumLine parsed = parseChecksumLine(text, context_);
       if (std::holds_alternative<IgnoredLine>(parsed)) continue;
-      ListLine& line = list.lines.emplace_back();
-      line.number = number;
+      ++lines;
+      ListEvent& line = block.emplace_back();
+      line.list = currentList_;
+      line.number = lineNumber_;
       if (auto* entry = std::get_if<ChecksumListEntry>(&parsed)) {
-        line.job = jobFor(*entry);
+        const auto [found, added] = jobOfPath.try_emplace(entry->path, jobs_.size());
+        if (added) jobs_.push_back({entry->path, {}});
+        std::vector<const AlgorithmName*>& algorithms = jobs_[found->second].algorithms;
+        for (const AlgorithmName* candidate : entry->candidates) {
+          if (std::ranges::find(algorithms, candidate) == algorithms.end()) {
+            algorithms.push_back(candidate);
+          }
+        }
+        line.job = jobBase_ + found->second;
+        line.blockFirstJob = jobBase_;
         line.entry = std::move(*entry);
       }
     }
-  }
-
-  // Gives every job the hasher of its algorithm set; jobs with the same set share one.
-  void assignHashers() {
-    for (FileJob& job : jobs_) {
-      std::ranges::sort(job.algorithms, std::less<>());
-      auto& hasher = hashers_[job.algorithms];
-      if (!hasher) hasher = std::make_unique<FileHasher>(job.algorithms);
-      job.hasher = hasher.get();
+    const bool any = !block.empty();
+    {
+      const std::lock_guard lock(mutex_);
+      std::move(block.begin(), block.end(), std::back_inserter(events_));
     }
+    return any;
   }
 
-  std::vector<ChecksumList>& lists() { return lists_; }
-  std::vector<FileJob>& jobs() { return jobs_; }
-
- private:
-  std::size_t jobFor(const ChecksumListEntry& entry) {
-    const auto [found, added] = jobIndex_.try_emplace(entry.path, jobs_.size());
-    if (added) jobs_.emplace_back().path = entry.path;
-    FileJob& job = jobs_[found->second];
-    for (const AlgorithmName* algorithm : entry.candidates) {
-      if (std::ranges::find(job.algorithms, algorithm) == job.algorithms.end()) {
-        job.algorithms.push_back(algorithm);
-      }
+  void openList(std::vector<ListEvent>& block) {
+    currentList_ = nextList_++;
+    const std::string& path = listPaths_[currentList_];
+    const bool standardInput = path == "-";
+    {
+      const std::lock_guard lock(mutex_);
+      listNames_.push_back(standardInput ? kStandardInputName : path);
     }
-    return found->second;
+    // Standard input has no name whose suffix could settle its lines.
+    context_ = GnuLineContext{.forced = forced_,
+                              .listSuffix = standardInput ? nullptr : listSuffixAlgorithm(path)};
+    lineNumber_ = 0;
+    reader_.emplace(path);
+    ListEvent begin{.kind = ListEvent::Kind::kListBegin, .list = currentList_};
+    if (reader_->error() != 0) {
+      begin.readError = std::strerror(reader_->error());
+      reader_.reset();
+      block.push_back(std::move(begin));
+      block.push_back({.kind = ListEvent::Kind::kListEnd, .list = currentList_});
+      return;
+    }
+    block.push_back(std::move(begin));
   }
 
-  const AlgorithmName* gnuAlgorithm_;
-  std::vector<ChecksumList> lists_;
-  std::vector<FileJob> jobs_;
-  std::unordered_map<std::string, std::size_t> jobIndex_;
-  std::map<std::vector<const AlgorithmName*>, std::unique_ptr<FileHasher>> hashers_;
+  const std::vector<std::string> listPaths_;
+  const AlgorithmName* forced_;
+  std::size_t nextList_ = 0;
+  std::size_t currentList_ = 0;
+  std::optional<LineReader> reader_;
+  GnuLineContext context_;
+  std::size_t lineNumber_ = 0;
+  std::vector<FileJob> jobs_;  // of the current block
+  std::size_t jobsTaken_ = 0;
+  std::size_t jobBase_ = 0;  // the number of the first job in jobs_
+
+  mutable std::mutex mutex_;  // guards events_ and listNames_ (read by the printer)
+  std::deque<ListEvent> events_;
+  std::deque<std::string> listNames_;
 };
 
 // Prints the result of every list line, in list order, as the files are read, and the closing
-// messages of each list. With --json the results go into one document, written at the end.
+// messages of each list. With --json the document is written as it goes, a line at a time.
 class ResultPrinter {
  public:
-  ResultPrinter(const CheckOptions& options, const std::vector<ChecksumList>& lists,
-                const std::vector<FileJob>& jobs, RunReporter& reporter, std::ostream& out)
-      : options_(options), lists_(lists), jobs_(jobs), reporter_(reporter), out_(out) {}
+  ResultPrinter(const CheckOptions& options, ListStream& stream, RunReporter& reporter,
+                std::ostream& out)
+      : options_(options), stream_(stream), reporter_(reporter), out_(out) {}
 
-  // Prints what can be printed once the jobs before `jobsDone` have been read. Jobs are numbered
-  // in the order their files first appear, so the lines come out in list order.
-  void printReady(std::size_t jobsDone) {
-    for (; list_ < lists_.size(); ++list_, line_ = 0, counts_ = {}) {
-      const ChecksumList& list = lists_[list_];
-      for (; line_ < list.lines.size(); ++line_) {
-        const ListLine& line = list.lines[line_];
-        if (line.entry && line.job >= jobsDone) return;
-        printLine(list, line);
+  // A file was read: results arrive in job order.
+  void fileRead(FileSetResult&& result) {
+    results_.push_back(std::move(result));
+    printReady();
+  }
+
+  // Prints every event whose file has been read.
+  void printReady() {
+    stream_.takeEvents(events_);
+    while (!events_.empty()) {
+      const ListEvent& event = events_.front();
+      if (event.kind == ListEvent::Kind::kLine && event.entry &&
+          event.job >= resultBase_ + results_.size()) {
+        return;
       }
-      finishList(list);
+      print(event);
+      events_.pop_front();
+      // A line refers to a job of its own block, never to one before the block's first; the
+      // results of jobs that no later line can refer to are let go.
+      const std::size_t oldestNeeded = oldestJobNeeded();
+      while (!results_.empty() && resultBase_ < oldestNeeded) {
+        results_.pop_front();
+        ++resultBase_;
+      }
     }
+  }
+
+  // After the run: the end of the JSON document.
+  void finish() {
+    printReady();
+    if (!options_.json) return;
+    if (!listsOpened_) out_ << "{\"lists\": [";
+    nlohmann::ordered_json totals = {{"lists", listCount_}};
+    totals.update(countsJson(totals_));
+    reporter_.writeOutput(out_,
+                          [&] { out_ << "\n], \"totals\": " << dumpJson(totals, -1) << "}\n"; });
   }
 
   int exitStatus() const {
     if (malformed_) return kExitUsage;
     return failed_ ? kExitFailed : kExitOk;
-  }
-
-  // The --json document of the lists printed so far.
-  nlohmann::ordered_json jsonDocument() const {
-    nlohmann::ordered_json totals = {{"lists", lists_.size()}};
-    totals.update(countsJson(totals_));
-    return {{"lists", jsonLists_}, {"totals", std::move(totals)}};
   }
 
  private:
@@ -214,6 +326,15 @@ class ResultPrinter {
     }
   };
 
+  std::size_t oldestJobNeeded() const {
+    for (const ListEvent& event : events_) {
+      if (event.kind == ListEvent::Kind::kLine && event.entry) {
+        return std::min(event.blockFirstJob, resultBase_ + results_.size());
+      }
+    }
+    return resultBase_ + results_.size();
+  }
+
   static nlohmann::ordered_json countsJson(const Counts& counts) {
     return {{"lines", counts.entries + counts.improper},
             {"ok", counts.matched},
@@ -224,8 +345,8 @@ class ResultPrinter {
   }
 
   // The --json record of a properly formatted line.
-  static nlohmann::ordered_json entryJson(const ListLine& line, const AlgorithmName* matched,
-                                          const char* result, const FileResult& file) {
+  static nlohmann::ordered_json entryJson(const ListEvent& line, const AlgorithmName* matched,
+                                          const char* result, const FileSetResult& file) {
     const ChecksumListEntry& entry = *line.entry;
     nlohmann::ordered_json record = {{"line", line.number}};
     putName(record, "path", entry.path);
@@ -237,58 +358,91 @@ class ResultPrinter {
     record["candidates"] = std::move(candidates);
     record["matched"] = matched != nullptr ? nlohmann::ordered_json(matched->cliName) : nullptr;
     record["result"] = result;
-    if (!file.ok()) {
-      std::string reasons;
-      for (const std::string& reason : file.errors) {
-        if (!reasons.empty()) reasons += "; ";
-        reasons += reason;
-      }
-      record["error"] = std::move(reasons);
-    }
+    if (file.error) record["error"] = file.error.message;
     return record;
   }
 
   // The first candidate of `entry` whose checksum of the file equals the expected one; null when
   // none does.
   static const AlgorithmName* matchingCandidate(const ChecksumListEntry& entry,
-                                                const FileResult& result) {
+                                                const FileSetResult& result) {
     for (const AlgorithmName* algorithm : entry.candidates) {
-      const std::string* computed = result.checksumOf(algorithm);
-      if (computed != nullptr && checksumsMatch(*algorithm, entry.checksum, *computed)) {
+      const auto computed = result.checksums.find(algorithm->type);
+      if (computed != result.checksums.end() &&
+          checksumsMatch(*algorithm, entry.checksum, computed->second)) {
         return algorithm;
       }
     }
     return nullptr;
   }
 
-  void printLine(const ChecksumList& list, const ListLine& line) {
+  void print(const ListEvent& event) {
+    switch (event.kind) {
+      case ListEvent::Kind::kListBegin:
+        beginList(event);
+        return;
+      case ListEvent::Kind::kLine:
+        printLine(event);
+        return;
+      case ListEvent::Kind::kListEnd:
+        finishList(event);
+        return;
+    }
+  }
+
+  void writeJsonRecord(const nlohmann::ordered_json& record) {
+    reporter_.writeOutput(
+        out_, [&] { out_ << (firstLineOfList_ ? "\n" : ",\n") << dumpJson(record, -1); });
+    firstLineOfList_ = false;
+  }
+
+  void beginList(const ListEvent& event) {
+    ++listCount_;
+    counts_ = {};
+    readError_ = event.readError;
+    if (!options_.json) return;
+    nlohmann::ordered_json head = nlohmann::ordered_json::object();
+    putName(head, "name", stream_.listName(event.list));
+    if (event.readError) head["error"] = *event.readError;
+    std::string text = dumpJson(head, -1);
+    text.pop_back();  // the closing brace: the lines follow
+    reporter_.writeOutput(out_, [&] {
+      out_ << (listsOpened_ ? ",\n" : "{\"lists\": [\n") << text << ", \"lines\": [";
+    });
+    listsOpened_ = true;
+    firstLineOfList_ = true;
+  }
+
+  void printLine(const ListEvent& line) {
+    const std::string listName = stream_.listName(line.list);
     if (!line.entry) {
       ++counts_.improper;
       if (options_.json) {
-        jsonLines_.push_back({{"line", line.number}, {"result", "improperly formatted"}});
+        writeJsonRecord({{"line", line.number}, {"result", "improperly formatted"}});
       }
       if (options_.warn) {
         out_.flush();
-        reporter_.message(list.name + ": " + std::to_string(line.number) +
+        reporter_.message(listName + ": " + std::to_string(line.number) +
                           ": improperly formatted checksum line");
       }
       return;
     }
     ++counts_.entries;
     const ChecksumListEntry& entry = *line.entry;
-    const FileResult& result = jobs_[line.job].result;
+    const FileSetResult& result = results_.at(line.job - resultBase_);
     const std::string name = displayName(entry.path);
     if (!result.ok()) {
-      if (options_.ignoreMissing && result.systemError == ENOENT) {
+      if (options_.ignoreMissing && result.error.kind == FileErrorKind::open &&
+          result.error.code == ENOENT) {
         ++counts_.missing;
-        if (options_.json) jsonLines_.push_back(entryJson(line, nullptr, "missing", result));
+        if (options_.json) writeJsonRecord(entryJson(line, nullptr, "missing", result));
         return;
       }
       ++counts_.unreadable;
       out_.flush();
-      for (const std::string& reason : result.errors) reporter_.error(name, reason);
+      reporter_.error(name, result.error.message);
       if (options_.json) {
-        jsonLines_.push_back(entryJson(line, nullptr, "FAILED open or read", result));
+        writeJsonRecord(entryJson(line, nullptr, "FAILED open or read", result));
       } else if (!options_.status) {
         printResult(name, "FAILED open or read");
       }
@@ -302,7 +456,7 @@ class ResultPrinter {
     }
     const char* outcome = matched != nullptr ? "OK" : "FAILED";
     if (options_.json) {
-      jsonLines_.push_back(entryJson(line, matched, outcome, result));
+      writeJsonRecord(entryJson(line, matched, outcome, result));
       return;
     }
     if (options_.status || (matched != nullptr && options_.quiet)) return;
@@ -320,25 +474,24 @@ class ResultPrinter {
     reporter_.writeOutput(out_, [&] { out_ << name << ": " << result << '\n'; });
   }
 
-  void finishList(const ChecksumList& list) {
+  void finishList(const ListEvent& event) {
+    const std::string listName = stream_.listName(event.list);
+    if (!readError_ && event.readError) readError_ = event.readError;
     out_.flush();
     totals_.add(counts_);
     if (options_.json) {
-      nlohmann::ordered_json record = nlohmann::ordered_json::object();
-      putName(record, "name", list.name);
-      if (list.readError) record["error"] = *list.readError;
-      record["lines"] = std::move(jsonLines_);
-      record["totals"] = countsJson(counts_);
-      jsonLists_.push_back(std::move(record));
-      jsonLines_ = nlohmann::ordered_json::array();
+      reporter_.writeOutput(out_, [&] {
+        out_ << (firstLineOfList_ ? "]" : "\n]")
+             << ", \"totals\": " << dumpJson(countsJson(counts_), -1) << '}';
+      });
     }
-    if (list.readError) {
-      reporter_.error(list.name, *list.readError);
+    if (readError_) {
+      reporter_.error(listName, *readError_);
       failed_ = true;
       return;
     }
     if (counts_.entries == 0) {
-      reporter_.message(list.name + ": no properly formatted checksum lines found");
+      reporter_.message(listName + ": no properly formatted checksum lines found");
       malformed_ = true;
       return;
     }
@@ -360,23 +513,25 @@ class ResultPrinter {
     }
     if (counts_.unreadable != 0 || counts_.mismatched != 0) failed_ = true;
     if (options_.ignoreMissing && counts_.matched == 0) {
-      reporter_.message(list.name + ": no file was verified");
+      reporter_.message(listName + ": no file was verified");
       failed_ = true;
     }
     if (options_.strict && counts_.improper != 0) malformed_ = true;
   }
 
   const CheckOptions& options_;
-  const std::vector<ChecksumList>& lists_;
-  const std::vector<FileJob>& jobs_;
+  ListStream& stream_;
   RunReporter& reporter_;
   std::ostream& out_;
-  std::size_t list_ = 0;
-  std::size_t line_ = 0;
+  std::deque<ListEvent> events_;
+  std::deque<FileSetResult> results_;  // of jobs resultBase_, resultBase_ + 1, ...
+  std::size_t resultBase_ = 0;
   Counts counts_;
   Counts totals_;
-  nlohmann::ordered_json jsonLines_ = nlohmann::ordered_json::array();
-  nlohmann::ordered_json jsonLists_ = nlohmann::ordered_json::array();
+  std::optional<std::string> readError_;
+  std::size_t listCount_ = 0;
+  bool listsOpened_ = false;
+  bool firstLineOfList_ = true;
   bool failed_ = false;
   bool malformed_ = false;
 };
@@ -441,37 +596,19 @@ int runCheckCommand(const CheckOptions& options, std::ostream& out, std::ostream
   }
   if (options.lists.empty()) return usageError(err, "no LISTFILE given");
 
-  ListLoader loader(gnuAlgorithm);
-  for (const std::string& list : options.lists) loader.load(list);
-  loader.assignHashers();
-  std::vector<FileJob>& jobs = loader.jobs();
-
-  const ReportSettings reportSettings = options.common.reportSettings();
-  RunReporter reporter(reportSettings, err);
-  // The byte total only serves the progress line; without one, no file is examined twice.
-  std::uint64_t byteCount = 0;
-  if (reportSettings.showProgress) {
-    for (const FileJob& job : jobs) {
-      struct stat status {};
-      if (::stat(job.path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-        byteCount += static_cast<std::uint64_t>(status.st_size);
-      }
-    }
-  }
-  reporter.setTotals(jobs.size(), byteCount);
-
-  ResultPrinter printer(options, loader.lists(), jobs, reporter, out);
-  runOrderedInParallel(
-      jobs.size(), options.common.jobs,
-      [&](std::size_t i) {
-        jobs[i].result = jobs[i].hasher->hash(jobs[i].path, reporter.byteCounter());
-        reporter.fileDone();
-      },
-      [&](std::size_t i) { printer.printReady(i + 1); });
-  printer.printReady(jobs.size());
-  if (options.json) {
-    reporter.writeOutput(out, [&] { out << dumpJson(printer.jsonDocument()) << '\n'; });
-  }
+  RunReporter reporter(options.common.reportSettings(), err);
+  ReporterObserver observer(reporter);
+  const FileSetHasher hasher(
+      {.algorithms = {}, .filesInFlight = options.common.jobs, .observer = &observer});
+  // The lists are read as the files are: memory does not grow with the number of lines.
+  ListStream stream(options.lists, gnuAlgorithm);
+  ResultPrinter printer(options, stream, reporter, out);
+  hasher.run(FileSetInput::generator([&stream] { return stream.nextJob(); }),
+             [&](FileSetResult&& result) {
+               reporter.fileDone();
+               printer.fileRead(std::move(result));
+             });
+  printer.finish();
 
   out.flush();
   reporter.finish();

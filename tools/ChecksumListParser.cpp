@@ -78,29 +78,51 @@ std::string normalizedChecksum(const AlgorithmName& algorithm, std::string_view 
   return checksum;
 }
 
-// "<TAG> (<name>) = <checksum>"; null when the line does not start with a known tag and " (".
-std::optional<ChecksumListEntry> parseTagLine(std::string_view line) {
-  const auto open = line.find(" (");
-  if (open == std::string_view::npos) return std::nullopt;
-  const AlgorithmName* algorithm = findTag(line.substr(0, open));
-  if (algorithm == nullptr) return std::nullopt;
-  // The name may itself hold ") = ", the checksum cannot.
-  const auto close = line.rfind(") = ");
-  if (close == std::string_view::npos || close < open + 2) return std::nullopt;
-  const std::string_view checksum = line.substr(close + 4);
-  if (!fitsAlgorithm(*algorithm, checksum)) return std::nullopt;
-  return ChecksumListEntry{{algorithm},
-                           normalizedChecksum(*algorithm, checksum),
-                           std::string(line.substr(open + 2, close - open - 2))};
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+std::string_view withoutLeadingBlanks(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t");
+  return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
-// "<checksum>  <name>" or "<checksum> *<name>".
-std::optional<ChecksumListEntry> parseGnuLine(std::string_view line,
-                                              const GnuLineContext& context) {
-  const auto space = line.find(' ');
-  if (space == std::string_view::npos || space + 2 >= line.size()) return std::nullopt;
-  if (line[space + 1] != ' ' && line[space + 1] != '*') return std::nullopt;
-  const std::string_view checksum = line.substr(0, space);
+// The algorithm of the tag that `text` starts with, followed by "(" or " (": then the line is a
+// tag line, whatever follows. `afterOpen` gets the text after the "(". Null for any other text.
+const AlgorithmName* tagLineStart(std::string_view text, std::string_view& afterOpen) {
+  for (const AlgorithmName& algorithm : knownAlgorithms()) {
+    const std::string_view tag = algorithm.tag;
+    if (!text.starts_with(tag)) continue;
+    std::string_view rest = text.substr(tag.size());
+    if (rest.starts_with(' ')) rest.remove_prefix(1);
+    if (!rest.starts_with('(')) continue;
+    afterOpen = rest.substr(1);
+    return &algorithm;
+  }
+  return nullptr;
+}
+
+// "<name>) = <checksum>", the rest of a tag line: the name runs to the last ')', which the
+// checksum cannot hold; the '=' may have blanks on either side.
+std::optional<ChecksumListEntry> parseTagLine(std::string_view afterOpen,
+                                              const AlgorithmName& algorithm) {
+  const auto close = afterOpen.rfind(')');
+  if (close == std::string_view::npos) return std::nullopt;
+  std::string_view rest = withoutLeadingBlanks(afterOpen.substr(close + 1));
+  if (!rest.starts_with('=')) return std::nullopt;
+  const std::string_view checksum = withoutLeadingBlanks(rest.substr(1));
+  if (!fitsAlgorithm(algorithm, checksum)) return std::nullopt;
+  return ChecksumListEntry{{&algorithm},
+                           normalizedChecksum(algorithm, checksum),
+                           std::string(afterOpen.substr(0, close))};
+}
+
+// "<checksum><blank><rest>": marked when the rest has two bytes or more and starts with ' ' (text)
+// or '*' (binary), the name then being the rest without that mark; unmarked otherwise, the name
+// being the whole rest. `form` is the form of the run (see GnuLineForm).
+std::optional<ChecksumListEntry> parseGnuLine(std::string_view line, const GnuLineContext& context,
+                                              GnuLineForm& form) {
+  const auto blank = std::ranges::find_if(line, isBlank) - line.begin();
+  if (static_cast<std::size_t>(blank) + 1 >= line.size()) return std::nullopt;
+  const std::string_view checksum = line.substr(0, blank);
   std::vector<const AlgorithmName*> candidates;
   if (context.forced != nullptr) {
     if (!fitsAlgorithm(*context.forced, checksum)) return std::nullopt;
@@ -111,10 +133,20 @@ std::optional<ChecksumListEntry> parseGnuLine(std::string_view line,
     candidates = candidatesOf(checksum);
     if (candidates.empty()) return std::nullopt;
   }
+
+  // The form is settled by the first line with a proper checksum, before its name is looked at.
+  std::string_view name = line.substr(blank + 1);
+  const bool marked = name.size() >= 2 && (name.front() == ' ' || name.front() == '*');
+  if (!marked) {
+    if (form == GnuLineForm::kMarked) return std::nullopt;
+    form = GnuLineForm::kUnmarked;
+  } else if (form != GnuLineForm::kUnmarked) {
+    form = GnuLineForm::kMarked;
+    name.remove_prefix(1);
+  }
   // Every candidate of one line writes its checksum the same way (hex, or C4 for C4 alone).
   std::string normalized = normalizedChecksum(*candidates.front(), checksum);
-  return ChecksumListEntry{std::move(candidates), std::move(normalized),
-                           std::string(line.substr(space + 2))};
+  return ChecksumListEntry{std::move(candidates), std::move(normalized), std::string(name)};
 }
 
 std::string_view withoutLeadingZeros(std::string_view hex) {
@@ -124,21 +156,29 @@ std::string_view withoutLeadingZeros(std::string_view hex) {
 
 }  // namespace
 
-ParsedChecksumLine parseChecksumLine(std::string_view line, const GnuLineContext& context) {
+ParsedChecksumLine parseChecksumLine(std::string_view line, const GnuLineContext& context,
+                                     GnuLineForm* form) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   if (line.empty() || line.front() == '#') return IgnoredLine{};
-  const bool escaped = line.front() == '\\';
+  line = withoutLeadingBlanks(line);
+  const bool escaped = line.starts_with('\\');
   if (escaped) line.remove_prefix(1);
 
-  std::optional<ChecksumListEntry> entry = parseTagLine(line);
-  if (!entry) entry = parseGnuLine(line, context);
-  if (!entry || entry->path.empty()) return ImproperLine{};
+  std::optional<ChecksumListEntry> entry;
+  std::string_view afterOpen;
+  if (const AlgorithmName* tag = tagLineStart(line, afterOpen)) {
+    entry = parseTagLine(afterOpen, *tag);
+  } else {
+    GnuLineForm lineOnItsOwn = GnuLineForm::kUndecided;
+    entry = parseGnuLine(line, context, form != nullptr ? *form : lineOnItsOwn);
+  }
+  if (!entry) return ImproperLine{};
   if (escaped) {
     std::optional<std::string> name = unescapeName(entry->path);
     if (!name) return ImproperLine{};
     entry->path = std::move(*name);
   }
-  // No file name holds a NUL byte.
+  // No file name holds a NUL byte: a line with one is refused rather than cut short.
   if (entry->path.find('\0') != std::string::npos) return ImproperLine{};
   return std::move(*entry);
 }

@@ -1,12 +1,32 @@
 // ChecksumListParser: reads one line of a checksum list, as written by `hash`, by sha*sum/md5sum
-// (plain and --tag) and by xxhsum (plain and --tag).
+// (plain and --tag) and by xxhsum (plain and --tag). Its grammar is that of `sha256sum -c`
+// (coreutils 9.1), for the checksums of every algorithm here: it takes the lines that program
+// takes, reads from each the name that program opens, and refuses the others.
 //
-// Line forms:
-//   <checksum>  <path>            GNU ("<checksum> *<path>" with the binary mark)
-//   <TAG> (<path>) = <checksum>   tag, TAG one of the tags of AlgorithmNames.hpp
-// Either form may start with a backslash: the name is then escaped (see NameEscaping.hpp). Lines
-// starting with '#' and empty lines are ignored. One trailing carriage return is dropped from
-// every line (CRLF lists), as `sha256sum -c` does, escaped or not.
+// Grammar. "Blanks" are spaces and tabs, no other white space.
+//   - One trailing carriage return is dropped (CRLF lists), escaped line or not.
+//   - Empty lines and lines whose first byte is '#' are ignored (" #" is not a comment).
+//   - Leading blanks are skipped. Then a backslash marks the line as escaped: its name is
+//     unescaped (see NameEscaping.hpp), and a backslash followed by anything but '\\', 'n' or 'r'
+//     makes the line improper. Blanks after that backslash are not skipped.
+//   - Tag line, when what follows starts with a known TAG (AlgorithmNames.hpp) then "(" or " ("
+//     (one space, not a tab):
+//       <TAG>[ ](<name>)<blanks>=<blanks><checksum>
+//     The name runs to the last ')' of the line; it may be empty or hold blanks and ')'. The
+//     blanks around '=' may be none. The checksum runs to the end of the line and must fit TAG.
+//   - GNU line, anything else:
+//       <checksum><blank><rest>
+//     The checksum runs to the first blank; the rest must not be empty. The line is "marked" when
+//     the rest has two bytes or more and starts with ' ' (text) or '*' (binary): the name is the
+//     rest without that first byte ("<checksum>  <name>", "<checksum> *<name>", and also
+//     "<checksum>\t <name>", "<checksum>\t*<name>"). Otherwise it is "unmarked" and the name is
+//     the whole rest ("<checksum> <name>", "<checksum>\t<name>"; "<checksum>  " names " ").
+//     So "<checksum>   a" names " a": the two-space form wins. A name keeps its trailing blanks.
+//   - GNU lines of one run take one form, as in `sha256sum -c` (see GnuLineForm): once a marked
+//     line was read, unmarked lines are improper; once an unmarked one was, every GNU line is
+//     read unmarked, a leading ' ' or '*' then being part of the name.
+//   - A line holding a NUL byte is improper (sha256sum reads up to the NUL and may open a
+//     shorter name).
 //
 // The algorithm of a line is settled by, in this order:
 //   1. its tag (tag lines);
@@ -55,14 +75,25 @@ struct GnuLineContext {
   const AlgorithmName* listSuffix = nullptr;  // named by the list's file name (listSuffixAlgorithm)
 };
 
-// Parses one line, without its '\n'. Tag lines always use their tag.
-ParsedChecksumLine parseChecksumLine(std::string_view line, const GnuLineContext& context = {});
+// How the GNU lines of a run separate checksum and name. The first GNU line whose checksum is
+// proper decides, even when its name is then found improper (a bad escape); tag lines and other
+// improper lines do not. The form carries over from one list to the next of the same run.
+enum class GnuLineForm {
+  kUndecided,
+  kMarked,    // "<checksum><blank><' ' or '*'><name>"
+  kUnmarked,  // "<checksum><blank><name>"
+};
+
+// Parses one line, without its '\n'. Tag lines always use their tag. `form` is the form of the
+// run so far, updated by GNU lines; null reads the line as the first GNU line of a run.
+ParsedChecksumLine parseChecksumLine(std::string_view line, const GnuLineContext& context = {},
+                                     GnuLineForm* form = nullptr);
 
 // The algorithm named by the suffix of a list's file name: ".md5", ".xxh128", ".xxh3" or
 // ".xxh64", without regard to ASCII case; null for any other name.
 const AlgorithmName* listSuffixAlgorithm(std::string_view listPath);
 
-// Whether `computed` (as FileHasher prints it) equals `expected` (as parsed). CRC-32 checksums
+// Whether `computed` (as the library prints it) equals `expected` (as parsed). CRC-32 checksums
 // are compared as numbers, so that leading zeros do not matter.
 bool checksumsMatch(const AlgorithmName& algorithm, std::string_view expected,
                     std::string_view computed);

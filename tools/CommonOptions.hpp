@@ -4,14 +4,18 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AlgorithmNames.hpp"
-#include "OrderedParallelRun.hpp"
 #include "RunReporter.hpp"
 
 namespace corvane::tool {
+
+// The default of -j: the number of processors (at least 1).
+inline unsigned defaultJobCount() { return std::max(1U, std::thread::hardware_concurrency()); }
 
 struct CommonOptions {
   unsigned jobs = defaultJobCount();

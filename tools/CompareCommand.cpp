@@ -13,11 +13,10 @@
 #include <string_view>
 #include <variant>
 
+#include "EngineInput.hpp"
 #include "ExitStatus.hpp"
-#include "FileHasher.hpp"
 #include "NameMatching.hpp"
 #include "OutputFormat.hpp"
-#include "PathWalker.hpp"
 #include "corvane/ChecksumLookup.hpp"
 #include "corvane/IOValidationAttributes.hpp"
 
@@ -33,7 +32,12 @@ enum class Outcome {
   kUnreadable,
   kCollision,
   kNotice,
+  kFolder,         // a folder on both sides: nothing to report
+  kMissingFolder,  // a folder in SRC, not in DST
+  kNewFolder,      // a folder in DST, not in SRC
+  kTypeDiffers,    // a folder on one side, something else on the other
 };
+constexpr std::size_t kOutcomeCount = 12;
 
 const char* outcomeName(Outcome outcome) {
   switch (outcome) {
@@ -53,8 +57,64 @@ const char* outcomeName(Outcome outcome) {
       return "name collision";
     case Outcome::kNotice:
       return "skipped";
+    case Outcome::kFolder:
+      return "folder";
+    case Outcome::kMissingFolder:
+      return "missing folder";
+    case Outcome::kNewFolder:
+      return "new folder";
+    case Outcome::kTypeDiffers:
+      return "type differs";
   }
   return "";
+}
+
+// What one side holds under one relative path.
+struct WalkItem {
+  enum class Kind { kFile, kDirectory, kError, kNotice };
+  Kind kind = Kind::kFile;
+  std::string path;      // to open and to print
+  std::string relative;  // below the side's root
+  std::uint64_t size = 0;
+  std::string message;  // kError and kNotice: the reason
+};
+
+// Every entry of the tree below `root`, in byte order of relative paths.
+std::vector<WalkItem> walkSide(const std::string& root, const WalkOptions& options) {
+  std::vector<WalkItem> items;
+  DirectoryWalk walk(root, options);
+  while (std::optional<WalkEntry> entry = walk.next()) {
+    WalkItem& item = items.emplace_back();
+    item.path = std::move(entry->path);
+    item.relative = std::move(entry->relativePath);
+    item.size = entry->size;
+    switch (entry->kind) {
+      case WalkEntry::Kind::file:
+        item.kind = WalkItem::Kind::kFile;
+        break;
+      case WalkEntry::Kind::directory:
+        item.kind = WalkItem::Kind::kDirectory;
+        break;
+      case WalkEntry::Kind::skipped:
+        item.kind = WalkItem::Kind::kNotice;
+        item.message = skipNotice(*entry);
+        break;
+      case WalkEntry::Kind::unreadable:
+        item.kind = WalkItem::Kind::kError;
+        item.message = entry->reason();
+        break;
+    }
+  }
+  return items;
+}
+
+// A file given as SRC or DST, under the name `relative`.
+WalkItem fileItem(const std::string& path, const struct stat& status, std::string relative) {
+  return {.kind = WalkItem::Kind::kFile,
+          .path = path,
+          .relative = std::move(relative),
+          .size = static_cast<std::uint64_t>(status.st_size),
+          .message = {}};
 }
 
 // One entry of the report: what each side has under one name.
@@ -94,8 +154,9 @@ struct Difference {
 
 struct Comparison {
   Outcome outcome = Outcome::kOk;
-  std::optional<FileResult> source;
-  std::optional<FileResult> destination;
+  bool needsReading = false;  // both sides are read; the outcome waits for their results
+  std::optional<FileSetResult> source;
+  std::optional<FileSetResult> destination;
   std::vector<Difference> differences;  // kChecksumDiffers, in -a order
 };
 
@@ -191,10 +252,38 @@ std::vector<Entry> pairEntries(const std::vector<WalkItem>& source,
   return entries;
 }
 
-ChecksumLookup lookupOf(const FileResult& result) {
-  ChecksumLookup lookup;
-  for (const FileChecksum& entry : result.checksums) lookup[entry.algorithm->type] = entry.checksum;
-  return lookup;
+// What lies below a folder that one side could not read is unknown on that side: the folder is
+// reported as unreadable (with the reason), and the other side's entries below it are neither
+// missing nor new.
+std::vector<Entry> withoutEntriesBelowUnreadableFolders(std::vector<Entry> entries,
+                                                        const std::vector<WalkItem>& source,
+                                                        const std::vector<WalkItem>& destination) {
+  const auto unreadablePrefixes = [](const std::vector<WalkItem>& items) {
+    std::vector<std::string> prefixes;
+    for (const WalkItem& item : items) {
+      if (item.kind == WalkItem::Kind::kError && !item.relative.empty()) {
+        prefixes.push_back(item.relative + '/');
+      }
+    }
+    return prefixes;
+  };
+  const std::vector<std::string> sourcePrefixes = unreadablePrefixes(source);
+  const std::vector<std::string> destinationPrefixes = unreadablePrefixes(destination);
+  if (sourcePrefixes.empty() && destinationPrefixes.empty()) return entries;
+  const auto below = [](const std::vector<std::string>& prefixes, const std::string& relative) {
+    return std::ranges::any_of(
+        prefixes, [&relative](const std::string& prefix) { return relative.starts_with(prefix); });
+  };
+  std::erase_if(entries, [&](const Entry& entry) {
+    if (entry.source != nullptr && entry.destination == nullptr) {
+      return below(destinationPrefixes, entry.source->relative);
+    }
+    if (entry.source == nullptr && entry.destination != nullptr) {
+      return below(sourcePrefixes, entry.destination->relative);
+    }
+    return false;
+  });
+  return entries;
 }
 
 }  // namespace
@@ -232,10 +321,14 @@ CLI::App* addCompareCommand(CLI::App& app, CompareOptions& options) {
       "'checksum differs: <path> (<TAG> <src> != <dst>)', 'unreadable: <path>', "
       "'names differ only in Unicode normalisation: <src name> != <dst name>' (or '... only in "
       "case', 'names differ in case and Unicode normalisation'), 'name collision: <name> "
-      "(source|destination)' (and 'ok: <path>' with -v), then 'compared <F> files: ...'.\n"
-      "Exit status: 0 identical, 1 a size or checksum differs, a file is unreadable or names "
-      "collide, 2 usage error, 3 files missing in or new in DST or pairs whose names differ in a "
-      "way --match-names does not allow (and nothing worse).");
+      "(source|destination)', 'missing folder: <path>', 'new folder: <path>', 'type differs: "
+      "<path> (folder != file)' (and 'ok: <path>' with -v), then 'compared <F> files: ...'. A "
+      "folder that cannot be read is 'unreadable' and what the other side holds below it is "
+      "neither missing nor new.\n"
+      "Exit status: 0 identical, 1 a size or checksum differs, a file or folder is unreadable, "
+      "names collide, or a folder is missing, new or not a folder on both sides, 2 usage error, 3 "
+      "files missing in or new in DST or pairs whose names differ in a way --match-names does not "
+      "allow (and nothing worse).");
   return compare;
 }
 
@@ -270,16 +363,25 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
   std::vector<WalkItem> sourceItems;
   std::vector<WalkItem> destinationItems;
   if (sourceIsDirectory) {
-    sourceItems = walkDirectory(options.source, options.followSymlinks);
-    destinationItems = walkDirectory(options.destination, options.followSymlinks);
+    const WalkOptions walk = walkOptions(options.followSymlinks);
+    sourceItems = walkSide(options.source, walk);
+    destinationItems = walkSide(options.destination, walk);
   } else {
-    sourceItems = walkOperands({options.source}, {});
-    destinationItems = walkOperands({options.destination}, {});
     // Two files pair up whatever their names; they are reported under the source's name.
     const std::string name = std::filesystem::path(options.source).filename().string();
-    sourceItems.front().relative = destinationItems.front().relative = name;
+    sourceItems.push_back(fileItem(options.source, sourceStatus, name));
+    destinationItems.push_back(fileItem(options.destination, destinationStatus, name));
   }
-  const std::vector<Entry> entries = pairEntries(sourceItems, destinationItems, *matching);
+  // A root that cannot be listed leaves nothing to compare.
+  for (const std::vector<WalkItem>* items : {&sourceItems, &destinationItems}) {
+    if (!items->empty() && items->front().kind == WalkItem::Kind::kError &&
+        items->front().relative.empty()) {
+      reporter.error(items->front().path, items->front().message);
+      return kExitFailed;
+    }
+  }
+  const std::vector<Entry> entries = withoutEntriesBelowUnreadableFolders(
+      pairEntries(sourceItems, destinationItems, *matching), sourceItems, destinationItems);
 
   std::uint64_t filesToRead = 0;
   std::uint64_t bytesToRead = 0;
@@ -293,12 +395,13 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
   }
   reporter.setTotals(filesToRead, bytesToRead);
 
-  const FileHasher sourceHasher(algorithms);
-  const FileHasher destinationHasher(algorithms, {.bypassCache = options.noCache});
-  const auto countBytes = reporter.byteCounter();
-
+  // Every outcome that needs no reading is settled first; the pairs to read are then handed to
+  // the engine, source then destination, and their outcomes settled as results arrive in order.
   std::vector<Comparison> comparisons(entries.size());
-  auto compareEntry = [&](std::size_t i) {
+  std::vector<std::size_t> pairsToRead;
+  std::vector<std::string> missingBranches;  // "a/" for a folder missing in DST
+  std::vector<std::string> newBranches;      // the same for folders new in DST
+  for (std::size_t i = 0; i < entries.size(); ++i) {
     const Entry& entry = entries[i];
     Comparison& comparison = comparisons[i];
     const WalkItem* source = entry.source;
@@ -308,6 +411,9 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     };
     const auto isError = [](const WalkItem* item) {
       return item != nullptr && item->kind == WalkItem::Kind::kError;
+    };
+    const auto isFolder = [](const WalkItem* item) {
+      return item != nullptr && item->kind == WalkItem::Kind::kDirectory;
     };
     if (entry.collision) {
       comparison.outcome = Outcome::kCollision;
@@ -319,6 +425,22 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
       // whose counterpart was skipped cannot be verified.
       comparison.outcome =
           isFile(source) || isFile(destination) ? Outcome::kUnreadable : Outcome::kNotice;
+    } else if (isFolder(source) || isFolder(destination)) {
+      if (source && destination) {
+        comparison.outcome =
+            isFolder(source) && isFolder(destination) ? Outcome::kFolder : Outcome::kTypeDiffers;
+      } else {
+        // Only the topmost folder of a missing (or new) branch is reported; its files are.
+        std::vector<std::string>& branches = source ? missingBranches : newBranches;
+        const std::string& relative = (source ? source : destination)->relative;
+        const bool inside = std::ranges::any_of(branches, [&relative](const std::string& branch) {
+          return relative.starts_with(branch);
+        });
+        comparison.outcome = inside   ? Outcome::kFolder
+                             : source ? Outcome::kMissingFolder
+                                      : Outcome::kNewFolder;
+        if (!inside) branches.push_back(relative + '/');
+      }
     } else if (!destination) {
       comparison.outcome = Outcome::kMissing;
     } else if (!source) {
@@ -326,38 +448,39 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     } else if (isFile(source) && isFile(destination) && source->size != destination->size) {
       comparison.outcome = Outcome::kSizeDiffers;
     } else {
-      comparison.source = sourceHasher.hash(source->path, countBytes);
-      reporter.fileDone();
-      comparison.destination = destinationHasher.hash(destination->path, countBytes);
-      reporter.fileDone();
-      if (!comparison.source->ok() || !comparison.destination->ok()) {
-        comparison.outcome = Outcome::kUnreadable;
-      } else if (comparison.source->size != comparison.destination->size) {
-        comparison.outcome = Outcome::kSizeDiffers;  // changed since the walk
-      } else {
-        const ChecksumLookup destinationLookup = lookupOf(*comparison.destination);
-        enumerateConflictingEntries(
-            lookupOf(*comparison.source), destinationLookup,
-            [&](ChecksumType type, const std::string& sourceText, const std::string& copyText) {
-              for (const AlgorithmName* algorithm : algorithms) {
-                if (algorithm->type == type) {
-                  comparison.differences.push_back({algorithm, sourceText, copyText});
-                }
-              }
-            });
-        // The lookup's order is undefined; report in the order of -a.
-        std::sort(comparison.differences.begin(), comparison.differences.end(),
-                  [&algorithms](const Difference& a, const Difference& b) {
-                    return std::find(algorithms.begin(), algorithms.end(), a.algorithm) <
-                           std::find(algorithms.begin(), algorithms.end(), b.algorithm);
-                  });
-        comparison.outcome =
-            comparison.differences.empty() ? Outcome::kOk : Outcome::kChecksumDiffers;
-      }
+      comparison.needsReading = true;
+      pairsToRead.push_back(i);
     }
+  }
+
+  const auto settleRead = [&](Comparison& comparison) {
+    if (!comparison.source->ok() || !comparison.destination->ok()) {
+      comparison.outcome = Outcome::kUnreadable;
+    } else if (comparison.source->size != comparison.destination->size) {
+      comparison.outcome = Outcome::kSizeDiffers;  // changed since the walk
+    } else {
+      enumerateConflictingEntries(
+          comparison.source->checksums, comparison.destination->checksums,
+          [&](ChecksumType type, const std::string& sourceText, const std::string& copyText) {
+            for (const AlgorithmName* algorithm : algorithms) {
+              if (algorithm->type == type) {
+                comparison.differences.push_back({algorithm, sourceText, copyText});
+              }
+            }
+          });
+      // The lookup's order is undefined; report in the order of -a.
+      std::sort(comparison.differences.begin(), comparison.differences.end(),
+                [&algorithms](const Difference& a, const Difference& b) {
+                  return std::find(algorithms.begin(), algorithms.end(), a.algorithm) <
+                         std::find(algorithms.begin(), algorithms.end(), b.algorithm);
+                });
+      comparison.outcome =
+          comparison.differences.empty() ? Outcome::kOk : Outcome::kChecksumDiffers;
+    }
+    comparison.needsReading = false;
   };
 
-  std::array<std::uint64_t, 8> counts{};
+  std::array<std::uint64_t, kOutcomeCount> counts{};
   std::uint64_t namesDiffer = 0;
   std::uint64_t namesNotAccepted = 0;  // pairs whose names differ in a way the mode does not allow
   nlohmann::ordered_json files = nlohmann::ordered_json::array();
@@ -366,8 +489,10 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     const Comparison& comparison = comparisons[i];
     ++counts[static_cast<std::size_t>(comparison.outcome)];
     const std::string& name = entry.relative;
-    const bool showNames =
-        entry.nameDifference != NameDifference::kNone && comparison.outcome != Outcome::kNotice;
+    // A folder's name shows again in the names of the files below it.
+    const bool showNames = entry.nameDifference != NameDifference::kNone &&
+                           comparison.outcome != Outcome::kNotice &&
+                           comparison.outcome != Outcome::kFolder;
     if (showNames) {
       ++namesDiffer;
       if (!entry.nameAccepted) ++namesNotAccepted;
@@ -386,12 +511,11 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
       if (item->kind == WalkItem::Kind::kNotice) reporter.notice(item->path, item->message);
     }
     for (const auto& result : {comparison.source, comparison.destination}) {
-      if (!result) continue;
-      for (const std::string& reason : result->errors) reporter.error(result->path, reason);
+      if (result && result->error) reporter.error(result->entry.path, result->error.message);
     }
 
     if (options.json) {
-      if (comparison.outcome == Outcome::kNotice) return;
+      if (comparison.outcome == Outcome::kNotice || comparison.outcome == Outcome::kFolder) return;
       nlohmann::ordered_json file = nlohmann::ordered_json::object();
       putName(file, "path", entry.relative);
       if (showNames) {
@@ -407,8 +531,8 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
             std::pair{"destinationChecksums", &comparison.destination}}) {
         if (!*result || (*result)->checksums.empty()) continue;
         nlohmann::ordered_json checksums = nlohmann::ordered_json::object();
-        for (const FileChecksum& checksum : (*result)->checksums) {
-          checksums[std::string(checksum.algorithm->cliName)] = checksum.checksum;
+        for (const AlgorithmName* algorithm : algorithms) {
+          checksums[std::string(algorithm->cliName)] = (*result)->checksums.at(algorithm->type);
         }
         file[key] = std::move(checksums);
       }
@@ -445,19 +569,64 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
         lines << "name collision: " << visibleName(name) << " ("
               << (entry.source ? "source" : "destination") << ")\n";
         break;
+      case Outcome::kMissingFolder:
+      case Outcome::kNewFolder:
+        lines << outcomeName(comparison.outcome) << ": " << name << '\n';
+        break;
+      case Outcome::kTypeDiffers:
+        lines << "type differs: " << name << " ("
+              << (entry.source->kind == WalkItem::Kind::kDirectory ? "folder != file"
+                                                                   : "file != folder")
+              << ")\n";
+        break;
       case Outcome::kNotice:
+      case Outcome::kFolder:
         break;
     }
     if (const std::string text = lines.str(); !text.empty()) {
       reporter.writeOutput(out, [&] { out << text; });
     }
   };
-  runOrderedInParallel(entries.size(), options.common.jobs, compareEntry, report);
+  // Entries are reported in order, each as soon as its outcome is settled.
+  std::size_t reported = 0;
+  const auto reportSettled = [&] {
+    while (reported < entries.size() && !comparisons[reported].needsReading) report(reported++);
+  };
+  reportSettled();
+  ReporterObserver observer(reporter);
+  const FileSetHasher hasher({.algorithms = checksumTypesOf(algorithms),
+                              .filesInFlight = options.common.jobs,
+                              .observer = &observer});
+  std::size_t nextItem = 0;  // 2k: source of pairsToRead[k], 2k + 1: its destination
+  hasher.run(FileSetInput::generator([&]() -> std::optional<FileSetItem> {
+               if (nextItem >= 2 * pairsToRead.size()) return std::nullopt;
+               const Entry& entry = entries[pairsToRead[nextItem / 2]];
+               const bool destination = nextItem++ % 2 == 1;
+               FileSetItem item =
+                   FileSetItem::path((destination ? entry.destination : entry.source)->path);
+               item.regularOnly = sourceIsDirectory;
+               item.bypassCache = destination && options.noCache;
+               return item;
+             }),
+             [&](FileSetResult&& result) {
+               Comparison& comparison = comparisons[pairsToRead[result.index / 2]];
+               reporter.fileDone();
+               if (result.index % 2 == 0) {
+                 comparison.source = std::move(result);
+                 return;
+               }
+               comparison.destination = std::move(result);
+               settleRead(comparison);
+               reportSettled();
+             });
+  reportSettled();
 
   const auto count = [&counts](Outcome outcome) {
     return counts[static_cast<std::size_t>(outcome)];
   };
-  const std::uint64_t compared = entries.size() - count(Outcome::kNotice);
+  const std::uint64_t folders =
+      count(Outcome::kFolder) + count(Outcome::kMissingFolder) + count(Outcome::kNewFolder);
+  const std::uint64_t compared = entries.size() - count(Outcome::kNotice) - folders;
   std::vector<ChecksumType> types;
   for (const AlgorithmName* algorithm : algorithms) types.push_back(algorithm->type);
   const auto validation =
@@ -480,7 +649,10 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
                           {"checksumDiffers", count(Outcome::kChecksumDiffers)},
                           {"unreadable", count(Outcome::kUnreadable)},
                           {"namesDiffer", namesDiffer},
-                          {"nameCollisions", count(Outcome::kCollision)}};
+                          {"nameCollisions", count(Outcome::kCollision)},
+                          {"missingFolders", count(Outcome::kMissingFolder)},
+                          {"newFolders", count(Outcome::kNewFolder)},
+                          {"typeDiffers", count(Outcome::kTypeDiffers)}};
     document["validation"] = nlohmann::ordered_json(validation->encode());
     out << dumpJson(document) << '\n';
   } else {
@@ -492,13 +664,24 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     if (count(Outcome::kCollision) != 0) {
       out << ", " << count(Outcome::kCollision) << " name collisions";
     }
+    if (count(Outcome::kMissingFolder) != 0) {
+      out << ", " << counted(count(Outcome::kMissingFolder), "missing folder", "missing folders");
+    }
+    if (count(Outcome::kNewFolder) != 0) {
+      out << ", " << counted(count(Outcome::kNewFolder), "new folder", "new folders");
+    }
+    if (count(Outcome::kTypeDiffers) != 0) {
+      out << ", " << count(Outcome::kTypeDiffers) << " type differs";
+    }
     out << '\n';
   }
   out.flush();
   reporter.finish();
 
   if (count(Outcome::kSizeDiffers) + count(Outcome::kChecksumDiffers) +
-          count(Outcome::kUnreadable) + count(Outcome::kCollision) + reporter.errorCount() !=
+          count(Outcome::kUnreadable) + count(Outcome::kCollision) +
+          count(Outcome::kMissingFolder) + count(Outcome::kNewFolder) +
+          count(Outcome::kTypeDiffers) + reporter.errorCount() !=
       0) {
     return kExitFailed;
   }

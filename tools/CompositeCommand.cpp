@@ -11,10 +11,9 @@
 #include <variant>
 
 #include "AlgorithmNames.hpp"
+#include "EngineInput.hpp"
 #include "ExitStatus.hpp"
-#include "FileHasher.hpp"
 #include "OutputFormat.hpp"
-#include "PathWalker.hpp"
 #include "corvane/CompositeChecksumGenerator.hpp"
 
 namespace corvane::tool {
@@ -60,6 +59,9 @@ CLI::App* addCompositeSubcommand(CLI::App& app, CompositeOptions& options) {
                       "Print one JSON object with the settings, the composite and every file");
   composite->add_flag("--follow-symlinks", options.followSymlinks,
                       "Follow symbolic links met in the tree (default: skip and report them)");
+  composite->add_flag("--strict", options.strict,
+                      "Count entries that are not read (special files, links not followed) as "
+                      "errors: no composite, exit 1");
   addCommonOptions(*composite, options.common);
   composite->add_option("DIR", options.directory, "Directory to checksum")
       ->required()
@@ -95,42 +97,50 @@ int runCompositeCommand(const CompositeOptions& options, const std::string& prog
     err << programName << ": " << options.directory << ": " << *reason << '\n';
     return kExitFailed;
   }
-  const std::vector<WalkItem> items = walkDirectory(options.directory, options.followSymlinks);
+  const ReportSettings reportSettings = options.common.reportSettings();
+  RunReporter reporter(reportSettings, err);
+  const WalkOptions walk = walkOptions(options.followSymlinks);
+  std::optional<TotalsCounter> totals;
+  if (reportSettings.showProgress)
+    totals.emplace(std::vector{options.directory}, true, walk, reporter);
 
-  RunReporter reporter(options.common.reportSettings(), err);
-  const WalkTotals totals = totalsOf(items);
-  reporter.setTotals(totals.files, totals.bytes);
-
-  const FileHasher hasher({algorithm});
-  std::vector<FileResult> results(items.size());
+  ReporterObserver observer(reporter);
+  const FileSetHasher hasher({.algorithms = {algorithm->type},
+                              .filesInFlight = options.common.jobs,
+                              .observer = &observer});
   std::vector<std::string> checksums;
   nlohmann::ordered_json files = nlohmann::ordered_json::array();
-  runOrderedInParallel(
-      items.size(), options.common.jobs,
-      [&](std::size_t i) {
-        if (items[i].kind != WalkItem::Kind::kFile) return;
-        results[i] = hasher.hash(items[i].path, reporter.byteCounter());
-        reporter.fileDone();
-      },
-      [&](std::size_t i) {
-        const WalkItem& item = items[i];
-        const FileResult result = std::move(results[i]);
-        if (item.kind == WalkItem::Kind::kNotice) {
-          reporter.notice(item.path, item.message);
-          return;
+  hasher.run(FileSetInput::walk(options.directory, walk), [&](FileSetResult&& result) {
+    const WalkEntry& entry = result.entry;
+    switch (entry.kind) {
+      case WalkEntry::Kind::directory:
+        return;
+      case WalkEntry::Kind::skipped:
+        reporter.skipped();
+        if (options.strict) {
+          reporter.error(entry.path, skipNotice(entry));
+        } else {
+          reporter.notice(entry.path, skipNotice(entry));
         }
-        if (item.kind == WalkItem::Kind::kError) {
-          reporter.error(item.path, item.message);
-          return;
-        }
-        for (const auto& reason : result.errors) reporter.error(item.path, reason);
-        if (!result.ok() || result.checksums.empty()) return;
-        checksums.push_back(result.checksums.front().checksum);
-        nlohmann::ordered_json file = nlohmann::ordered_json::object();
-        putName(file, "path", item.relative);
-        file["checksum"] = checksums.back();
-        files.push_back(std::move(file));
-      });
+        return;
+      case WalkEntry::Kind::unreadable:
+        reporter.error(entry.path, entry.reason());
+        return;
+      case WalkEntry::Kind::file:
+        break;
+    }
+    reporter.fileDone();
+    if (!result.ok()) {
+      reporter.error(entry.path, result.error.message);
+      return;
+    }
+    checksums.push_back(result.checksums.at(algorithm->type));
+    nlohmann::ordered_json file = nlohmann::ordered_json::object();
+    putName(file, "path", entry.relativePath);
+    file["checksum"] = checksums.back();
+    files.push_back(std::move(file));
+  });
+  totals.reset();
   if (reporter.errorCount() != 0) status = kExitFailed;
 
   std::optional<std::string> composite;

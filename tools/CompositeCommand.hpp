@@ -34,6 +34,7 @@ struct CompositeOptions {
   std::string scheme = "flat";
   bool json = false;
   bool followSymlinks = false;
+  bool strict = false;
   std::string directory;
   CommonOptions common;
 };

@@ -8,10 +8,9 @@
 #include <optional>
 #include <variant>
 
+#include "EngineInput.hpp"
 #include "ExitStatus.hpp"
-#include "FileHasher.hpp"
 #include "OutputFormat.hpp"
-#include "PathWalker.hpp"
 
 namespace corvane::tool {
 namespace {
@@ -52,6 +51,9 @@ CLI::App* addHashCommand(CLI::App& app, HashOptions& options) {
                  "Descend into directories; files come in the byte order of their paths");
   hash->add_flag("--follow-symlinks", options.followSymlinks,
                  "Follow symbolic links met while descending (default: skip and report them)");
+  hash->add_flag("--strict", options.strict,
+                 "Count entries of a walk that are not read (special files, links not followed) "
+                 "as errors: exit 1");
   hash->add_option("--files-from", options.filesFrom,
                    "Also read the paths to checksum from FILE ('-': standard input), one per line")
       ->type_name("FILE");
@@ -72,7 +74,9 @@ CLI::App* addHashCommand(CLI::App& app, HashOptions& options) {
       "Output: '<checksum>  <path>' with one algorithm, '<TAG> (<path>) = <checksum>' with "
       "--tag or several algorithms (one line per algorithm). Names holding a backslash, newline "
       "or carriage return are escaped as coreutils does (the line starts with '\\').\n"
-      "Exit status: 0 all files checksummed, 1 a file was missing or unreadable, 2 usage error.");
+      "Exit status: 0 all files checksummed, 1 a file was missing, unreadable or changed while "
+      "read "
+      "(or, with --strict, an entry of a walk was skipped), 2 usage error.");
   return hash;
 }
 
@@ -98,58 +102,59 @@ int runHashCommand(const HashOptions& options, std::ostream& out, std::ostream& 
   }
   if (operands.empty()) return usageError(err, "no PATH given");
 
-  const std::vector<WalkItem> items = walkOperands(
-      operands, {.recursive = options.recursive, .followSymlinks = options.followSymlinks});
+  const ReportSettings reportSettings = options.common.reportSettings();
+  RunReporter reporter(reportSettings, err);
+  const WalkOptions walk = walkOptions(options.followSymlinks);
+  std::optional<TotalsCounter> totals;
+  if (reportSettings.showProgress) totals.emplace(operands, options.recursive, walk, reporter);
 
-  RunReporter reporter(options.common.reportSettings(), err);
-  const WalkTotals totals = totalsOf(items);
-  reporter.setTotals(totals.files, totals.bytes);
-
-  const FileHasher hasher(algorithms);
+  ReporterObserver observer(reporter);
+  const FileSetHasher hasher({.algorithms = checksumTypesOf(algorithms),
+                              .filesInFlight = options.common.jobs,
+                              .observer = &observer});
   const LineSettings lines{
       .style = options.tag || algorithms.size() > 1 ? LineStyle::kTag : LineStyle::kGnu,
       .nulTerminated = options.nulTerminatedLines};
   std::optional<HashJsonDocument> document;
   if (options.json) document.emplace(algorithms);
 
-  std::vector<FileResult> results(items.size());
-  runOrderedInParallel(
-      items.size(), options.common.jobs,
-      [&](std::size_t i) {
-        if (items[i].kind != WalkItem::Kind::kFile) return;
-        results[i] = hasher.hash(items[i].path, reporter.byteCounter());
-        reporter.fileDone();
-      },
-      [&](std::size_t i) {
-        const WalkItem& item = items[i];
-        FileResult result = std::move(results[i]);
-        if (item.kind != WalkItem::Kind::kFile) {
-          out.flush();
-          if (item.kind == WalkItem::Kind::kError) {
-            reporter.error(item.path, item.message);
-            if (document) document->addError(item.path, item.message);
-          } else {
-            reporter.notice(item.path, item.message);
-          }
-          return;
-        }
-        if (document) {
-          document->addFile(result);
-        } else if (!result.checksums.empty()) {
-          reporter.writeOutput(out, [&] {
-            for (const FileChecksum& entry : result.checksums) {
-              writeChecksumLine(out, lines, *entry.algorithm, item.path, entry.checksum);
-            }
-          });
-        }
-        if (!result.ok()) {
-          out.flush();
-          for (const std::string& reason : result.errors) reporter.error(item.path, reason);
-        }
-      });
+  hasher.run(operandInput(std::move(operands), options.recursive, walk),
+             [&](FileSetResult&& result) {
+               const WalkEntry& entry = result.entry;
+               if (entry.kind == WalkEntry::Kind::directory) return;
+               if (entry.kind == WalkEntry::Kind::skipped) {
+                 // Not read and not an error, unless --strict says every entry must be read.
+                 reporter.skipped();
+                 out.flush();
+                 const std::string notice = skipNotice(entry);
+                 if (options.strict) {
+                   reporter.error(entry.path, notice);
+                 } else {
+                   reporter.notice(entry.path, notice);
+                 }
+                 if (document) document->addSkipped(entry.path, notice);
+                 return;
+               }
+               reporter.fileDone();
+               if (document) {
+                 document->addFile(result);
+               } else if (result.ok()) {
+                 reporter.writeOutput(out, [&] {
+                   for (const AlgorithmName* algorithm : algorithms) {
+                     writeChecksumLine(out, lines, *algorithm, entry.path,
+                                       result.checksums.at(algorithm->type));
+                   }
+                 });
+               }
+               if (result.error) {
+                 out.flush();
+                 reporter.error(entry.path, result.error.message);
+               }
+             });
 
   if (document) document->write(out);
   out.flush();
+  totals.reset();
   reporter.finish();
   return reporter.errorCount() == 0 ? kExitOk : kExitFailed;
 }

@@ -19,6 +19,7 @@ struct HashOptions {
   std::vector<std::string> algorithmValues;
   bool recursive = false;
   bool followSymlinks = false;
+  bool strict = false;
   std::string filesFrom;
   bool nulSeparatedList = false;
   bool tag = false;

@@ -94,25 +94,24 @@ void putName(nlohmann::ordered_json& object, std::string_view key, const std::st
   object[field + "Hex"] = std::move(hex);
 }
 
-std::string dumpJson(const nlohmann::ordered_json& document) {
-  return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+std::string dumpJson(const nlohmann::ordered_json& document, int indent) {
+  return document.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
-HashJsonDocument::HashJsonDocument(const std::vector<const AlgorithmName*>& algorithms) {
-  for (const AlgorithmName* algorithm : algorithms) algorithms_.push_back(algorithm->cliName);
-}
+HashJsonDocument::HashJsonDocument(std::vector<const AlgorithmName*> algorithms)
+    : algorithms_(std::move(algorithms)) {}
 
-void HashJsonDocument::addFile(const FileResult& result) {
+void HashJsonDocument::addFile(const FileSetResult& result) {
   if (!result.ok()) {
-    for (const std::string& reason : result.errors) addError(result.path, reason);
+    addError(result.entry.path, result.error.message);
     return;
   }
   nlohmann::ordered_json checksums = nlohmann::ordered_json::object();
-  for (const FileChecksum& entry : result.checksums) {
-    checksums[std::string(entry.algorithm->cliName)] = entry.checksum;
+  for (const AlgorithmName* algorithm : algorithms_) {
+    checksums[std::string(algorithm->cliName)] = result.checksums.at(algorithm->type);
   }
   nlohmann::ordered_json file = nlohmann::ordered_json::object();
-  putName(file, "path", result.path);
+  putName(file, "path", result.entry.path);
   file["size"] = result.size.value_or(0);
   if (result.modified) file["modified"] = formatUtcTime(*result.modified);
   file["checksums"] = std::move(checksums);
@@ -129,12 +128,25 @@ void HashJsonDocument::addError(const std::string& path, const std::string& reas
   ++errors_;
 }
 
+void HashJsonDocument::addSkipped(const std::string& path, const std::string& reason) {
+  nlohmann::ordered_json file = nlohmann::ordered_json::object();
+  putName(file, "path", path);
+  file["skipped"] = reason;
+  files_.push_back(std::move(file));
+  ++skipped_;
+}
+
 void HashJsonDocument::write(std::ostream& out) const {
-  const nlohmann::ordered_json document = {
-      {"algorithms", algorithms_},
-      {"files", files_},
-      {"totals",
-       {{"files", files_.size()}, {"hashed", hashed_}, {"errors", errors_}, {"bytes", bytes_}}}};
+  nlohmann::ordered_json algorithms = nlohmann::ordered_json::array();
+  for (const AlgorithmName* algorithm : algorithms_) algorithms.push_back(algorithm->cliName);
+  const nlohmann::ordered_json document = {{"algorithms", std::move(algorithms)},
+                                           {"files", files_},
+                                           {"totals",
+                                            {{"files", files_.size()},
+                                             {"hashed", hashed_},
+                                             {"errors", errors_},
+                                             {"skipped", skipped_},
+                                             {"bytes", bytes_}}}};
   out << dumpJson(document) << '\n';
 }
 

@@ -14,7 +14,8 @@
 #include <string>
 #include <string_view>
 
-#include "FileHasher.hpp"
+#include "AlgorithmNames.hpp"
+#include "corvane/FileSetHasher.hpp"
 
 namespace corvane::tool {
 
@@ -38,7 +39,8 @@ std::string formatUtcTime(const FileTime& time);
 
 // A JSON dump that never fails. Names must go in through putName, which keeps them lossless;
 // any other text that is not UTF-8 would have its bad bytes replaced by U+FFFD.
-std::string dumpJson(const nlohmann::ordered_json& document);
+// `indent` as for nlohmann::json::dump (-1: all on one line).
+std::string dumpJson(const nlohmann::ordered_json& document, int indent = 2);
 
 // Stores the file name `name` (bytes, not necessarily UTF-8) in `object` without losing any of
 // it. A name that is valid UTF-8 goes under `key` as it is. Otherwise `key` gets a readable form
@@ -51,22 +53,27 @@ void putName(nlohmann::ordered_json& object, std::string_view key, const std::st
 bool isValidUtf8(std::string_view text);
 
 // The JSON document of `hash --json`:
-// {"algorithms": [...], "files": [{"path", "size", "modified", "checksums": {...}} or
-//  {"path", "error"}], "totals": {"files", "hashed", "errors", "bytes"}}.
+// {"algorithms": [...], "files": [{"path", "size", "modified", "checksums": {...}},
+//  {"path", "error"} or {"path", "skipped"}], "totals": {"files", "hashed", "errors", "skipped",
+//  "bytes"}}.
 class HashJsonDocument {
  public:
-  explicit HashJsonDocument(const std::vector<const AlgorithmName*>& algorithms);
+  explicit HashJsonDocument(std::vector<const AlgorithmName*> algorithms);
 
-  void addFile(const FileResult& result);
+  // A file that was read (its error, if it failed).
+  void addFile(const FileSetResult& result);
   void addError(const std::string& path, const std::string& reason);
+  // An entry of a walk that was not read (a special file, a link that was not followed).
+  void addSkipped(const std::string& path, const std::string& reason);
   // Writes the document.
   void write(std::ostream& out) const;
 
  private:
-  nlohmann::ordered_json algorithms_ = nlohmann::ordered_json::array();
+  std::vector<const AlgorithmName*> algorithms_;
   nlohmann::ordered_json files_ = nlohmann::ordered_json::array();
   std::uint64_t hashed_ = 0;
   std::uint64_t errors_ = 0;
+  std::uint64_t skipped_ = 0;
   std::uint64_t bytes_ = 0;
 };
 

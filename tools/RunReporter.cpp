@@ -135,7 +135,9 @@ void RunReporter::finish() {
     line << kProgramName << ": " << files << (files == 1 ? " file, " : " files, ") << bytes
          << (bytes == 1 ? " byte in " : " bytes in ") << std::fixed << std::setprecision(2)
          << elapsed << " s (" << humanBytes(elapsed > 0 ? double(bytes) / elapsed : 0.0) << "/s), "
-         << errors << (errors == 1 ? " error\n" : " errors\n");
+         << errors << (errors == 1 ? " error" : " errors");
+    if (const auto skipped = skipped_.load(); skipped != 0) line << ", " << skipped << " skipped";
+    line << '\n';
     err_ << line.str();
   }
   err_.flush();

@@ -40,11 +40,10 @@ class RunReporter {
   // What the run is going to do, for "done/total" and the time left (0 = unknown).
   void setTotals(std::uint64_t files, std::uint64_t bytes);
   void addBytes(std::uint64_t count) { bytesDone_.fetch_add(count, std::memory_order_relaxed); }
-  // A callback that adds to the bytes done, for FileHasher::hash.
-  std::function<void(std::uint64_t)> byteCounter() {
-    return [this](std::uint64_t count) { addBytes(count); };
-  }
   void fileDone() { filesDone_.fetch_add(1, std::memory_order_relaxed); }
+  // An entry that was not read and is not an error (a special file met in a walk): counted in
+  // the summary line when there was any.
+  void skipped() { skipped_.fetch_add(1, std::memory_order_relaxed); }
 
   // "corvane-checksum: <path>: <reason>", counted as an error.
   void error(const std::string& path, const std::string& reason);
@@ -92,6 +91,7 @@ class RunReporter {
   std::atomic<std::uint64_t> filesDone_{0};
   std::atomic<std::uint64_t> bytesDone_{0};
   std::atomic<std::uint64_t> errors_{0};
+  std::atomic<std::uint64_t> skipped_{0};
 
   std::mutex mutex_;  // guards err_, lineShown_, stopping_
   std::condition_variable wake_;

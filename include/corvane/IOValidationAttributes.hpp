@@ -20,7 +20,13 @@
 //   "fileAttributes":              array of key texts (the whole set, checksum keys included)
 //   "forceChecksumSizeComparison": boolean
 // Decoding also reads "checksumAttributes", an array of algorithm flag numbers, which encoding
-// never writes. Decoding is lenient: missing or malformed entries are skipped.
+// never writes. There are two decoders:
+// - fromJSON() is lenient about types (missing or malformed entries are skipped) but treats a
+//   checksum number that is not one of the ten single flags as the programming error it is in
+//   create(): the process stops. Use it for documents the application wrote itself.
+// - fromUntrustedJSON() never stops the process and never throws DecodingError: any malformed
+//   entry, such a number included, makes it return null with the error. Use it for documents
+//   read from files or peers the application does not control.
 #pragma once
 
 #include <atomic>
@@ -31,6 +37,7 @@
 #include <vector>
 
 #include "corvane/ChecksumType.hpp"
+#include "corvane/Exception.hpp"
 #include "corvane/Export.hpp"
 #include "corvane/FileAttributeKey.hpp"
 
@@ -65,13 +72,31 @@ class CORVANE_API IOValidationAttributes {
   // - "fileAttributes": an array of strings becomes the set; if it is missing or anything else
   //   (including an array holding a non-string), the set starts empty.
   // - "checksumAttributes": an array of non-negative integers; their keys are added to the set.
-  //   Missing or malformed: ignored. A number that is not one of the ten single flags is a
-  //   programming error as in create() (fatal), since the numbers name algorithms.
+  //   Missing or malformed (not an array, or an element that is not a non-negative integer): the
+  //   whole list is ignored. A number of a well-formed list that is not one of the ten single
+  //   flags (0, 3, 1024, ...) is a programming error as in create(): one diagnostic line naming
+  //   "ChecksumType" and the raw value, then abort. Documents from outside go through
+  //   fromUntrustedJSON() instead.
   // - "forceChecksumSizeComparison": a boolean; when present it becomes the flag and, if true,
   //   the size rule is applied. Missing or not a boolean: the flag stays true and the size rule
   //   is NOT applied.
   // Other keys are ignored. Throws DecodingError(typeMismatch) only when `json` is not an object.
   static std::shared_ptr<IOValidationAttributes> fromJSON(const nlohmann::json& json);
+
+  // Reads the serialised form strictly, for documents the application does not control. Returns
+  // null when the document is malformed, and then sets *error (when `error` is not null) to a
+  // DecodingError naming the key:
+  // - typeMismatch, key "": `json` is not an object;
+  // - typeMismatch, key "fileAttributes": not an array of strings;
+  // - typeMismatch, key "checksumAttributes": not an array of integers;
+  // - dataCorrupted, key "checksumAttributes": an integer that is not one of the ten single
+  //   flags (0, 3, 1024, -16, ...);
+  // - typeMismatch, key "forceChecksumSizeComparison": not a boolean.
+  // A key that is missing or null is absent, with the defaults of fromJSON(); other keys are
+  // ignored. A document that decodes gives the same record as fromJSON(). Never throws
+  // DecodingError and never stops the process; on success *error is left untouched.
+  static std::shared_ptr<IOValidationAttributes> fromUntrustedJSON(
+      const nlohmann::json& json, std::optional<DecodingError>* error);
 
   IOValidationAttributes(const IOValidationAttributes&) = delete;
   IOValidationAttributes& operator=(const IOValidationAttributes&) = delete;
@@ -125,6 +150,10 @@ class CORVANE_API IOValidationAttributes {
 
   // Size rule on `set` with `requireSize`.
   static void applySizeRule(FileAttributeKeySet& set, bool requireSize);
+  // A decoded record: `force`, when present, becomes the flag and applies the size rule; absent,
+  // the flag stays true and the set is kept as it is.
+  static std::shared_ptr<IOValidationAttributes> makeDecoded(FileAttributeKeySet set,
+                                                             std::optional<bool> force);
 
   std::atomic<bool> checksumsRequireMatchingSize_{true};
   std::shared_ptr<dispatch::SerialQueue> mutex_;

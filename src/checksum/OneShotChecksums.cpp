@@ -1,14 +1,13 @@
 // One checksum in one blocking call, driving a streaming generator to completion.
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "checksum/BlockingHandOff.hpp"
 #include "checksum/HexDecoding.hpp"
-#include "checksumsets/FileChunkReader.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "corvane/Exception.hpp"
 #include "dispatch/Group.hpp"
+#include "engine/FileReader.hpp"
 
 namespace corvane {
 
@@ -60,21 +59,23 @@ std::optional<std::string> CorvaneChecksumGenerator::generateFileChecksum(const 
                                                                           std::int64_t readSize) {
   auto generator = checksumGeneratorForType(algorithm);
   if (!generator) return std::nullopt;
-  auto reader = detail::FileChunkReader::open(path);
-  if (!reader) return std::nullopt;
   // An unsigned "read up to" of a negative size reads to the end. Chunking does not change the
   // checksum, so such reads use the default chunk size, and huge sizes are capped to keep memory
   // bounded.
   const std::size_t chunkSize =
       readSize < 0 ? std::size_t{kDefaultFileReadSize}
                    : static_cast<std::size_t>(std::min<std::int64_t>(readSize, kMaximumChunkSize));
+  // A read size of 0 still opens the file (a missing one gives null) but reads nothing. The
+  // change verdict of finish() is not asked for: the checksum is of the bytes read.
+  engine::FileReader reader = engine::FileReader::open(path, {.chunkSize = chunkSize});
+  if (reader.error()) return std::nullopt;
   dispatch::Group group;
   // Each chunk is absorbed before the next read, so one chunk is held at a time.
-  while (SharedBytes chunk = reader->readChunk(chunkSize))
-    detail::addAndWait(*generator, group, chunk);
-  if (reader->failed()) {
-    throw Exception("NSFileHandleOperationException",
-                    path + ": " + std::strerror(reader->errorNumber()));
+  if (chunkSize > 0) {
+    while (SharedBytes chunk = reader.next()) detail::addAndWait(*generator, group, chunk);
+  }
+  if (reader.error()) {
+    throw Exception("NSFileHandleOperationException", path + ": " + reader.error().message);
   }
   return detail::finalizeAndWait(*generator, group);
 }

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "checksum/BlockingHandOff.hpp"
-#include "checksumsets/FileChunkReader.hpp"
 #include "corvane/ChecksumLookup.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "dispatch/Group.hpp"
+#include "engine/FileReader.hpp"
 #include "util/Fatal.hpp"
 
 namespace corvane {
@@ -103,36 +103,36 @@ void ChecksumGenerator::generateChecksumsForFile(
   const GeneratorTable table = buildGeneratorTable(algorithms_);
   if (table.empty()) return;
 
+  // Read as FileReader reads every file, in chunks of readSize(). The verdict of finish() is not
+  // asked for: this form supplies the checksums of the bytes read, also when a read error ended
+  // reading early or the file grew or shrank meanwhile.
   dispatch::Group group;
-  std::uint64_t bytesRead = 0;
-  const std::uint64_t fileSize = detail::fileSizeAtPath(file);
-  auto reader = detail::FileChunkReader::open(file);
-  if (!reader) return;
-
-  bool keepReading = true;
   bool stop = false;
-  while (keepReading) {
-    SharedBytes chunk = reader->readChunk(static_cast<std::size_t>(readSize_));
-    if (!chunk) {
-      keepReading = false;  // end of file, or a read error: keep what was read
-      continue;
-    }
-    for (const auto& entry : table) detail::addAndWait(*entry.second, group, chunk);
-    if (fileSize != 0) {
-      if (bytesRead > std::numeric_limits<std::uint64_t>::max() - chunk->size()) {
-        detail::fatalError("ChecksumGenerator: byte count overflow");
+  {
+    engine::FileReader reader =
+        engine::FileReader::open(file, {.chunkSize = static_cast<std::size_t>(readSize_)});
+    if (reader.error()) return;  // missing, unreadable, a folder: no callback
+    const off_t sizeAtOpen = reader.statusAtOpen().st_size;
+    const std::uint64_t fileSize = sizeAtOpen > 0 ? static_cast<std::uint64_t>(sizeAtOpen) : 0;
+    std::uint64_t bytesRead = 0;
+    while (!stop) {
+      SharedBytes chunk = reader.next();
+      if (!chunk) break;  // end of file, or a read error: keep what was read
+      for (const auto& entry : table) detail::addAndWait(*entry.second, group, chunk);
+      if (fileSize != 0) {
+        if (bytesRead > std::numeric_limits<std::uint64_t>::max() - chunk->size()) {
+          detail::fatalError("ChecksumGenerator: byte count overflow");
+        }
+        bytesRead += chunk->size();
+        if (progressBlock) {
+          progressBlock(static_cast<float>(double(bytesRead) / double(fileSize)), bytesRead, &stop);
+        }
       }
-      bytesRead += chunk->size();
-      if (progressBlock) {
-        progressBlock(static_cast<float>(double(bytesRead) / double(fileSize)), bytesRead, &stop);
-      }
     }
-    if (stop) keepReading = false;
-  }
+  }                  // the file is closed before finalizing
   if (stop) return;  // a stopped file run supplies nothing
 
   const ChecksumLookup results = finalizeAll(table, group);
-  reader.reset();
   supplyAll(table, results, checksumSupplyBlock);
 }
 

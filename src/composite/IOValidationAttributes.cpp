@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
+#include <variant>
 
 #include "corvane/Exception.hpp"
 #include "corvane/FileAttributeKeyCollections.hpp"
@@ -48,6 +49,65 @@ std::optional<std::vector<std::uint64_t>> decodeNumberList(const nlohmann::json&
   return numbers;
 }
 
+// The value under `key`; null when the key is missing or holds JSON null.
+const nlohmann::json* presentValue(const nlohmann::json& object, const char* key) {
+  const auto found = object.find(key);
+  if (found == object.end() || found->is_null()) return nullptr;
+  return &*found;
+}
+
+// What a document says: the set before the size rule, and the flag if it holds a boolean.
+struct DecodedDocument {
+  FileAttributeKeySet set;
+  std::optional<bool> force;
+};
+
+DecodingError notAnObject(const nlohmann::json& json) {
+  return DecodingError(
+      DecodingError::Kind::typeMismatch, "",
+      "IOValidationAttributes: expected an object, found " + std::string(json.type_name()));
+}
+
+DecodingError typeMismatch(const char* key, const char* expected, const nlohmann::json& found) {
+  return DecodingError(DecodingError::Kind::typeMismatch, key,
+                       std::string("IOValidationAttributes: \"") + key + "\" must be " + expected +
+                           ", found " + found.type_name());
+}
+
+// Reads an object strictly: the first malformed value is the error.
+std::variant<DecodedDocument, DecodingError> decodeStrictly(const nlohmann::json& json) {
+  DecodedDocument document;
+  if (const nlohmann::json* value = presentValue(json, kFileAttributesKey)) {
+    const auto keys = decodeKeyList(*value);
+    if (!keys) return typeMismatch(kFileAttributesKey, "an array of strings", *value);
+    document.set.insert(keys->begin(), keys->end());
+  }
+
+  if (const nlohmann::json* value = presentValue(json, kChecksumAttributesKey)) {
+    if (!value->is_array()) {
+      return typeMismatch(kChecksumAttributesKey, "an array of integers", *value);
+    }
+    for (const nlohmann::json& element : *value) {
+      if (!element.is_number_integer()) {
+        return typeMismatch(kChecksumAttributesKey, "an array of integers", element);
+      }
+      const bool negative = !element.is_number_unsigned() && element.get<std::int64_t>() < 0;
+      if (negative || !ChecksumType(element.get<std::uint64_t>()).isKnownAlgorithm()) {
+        return DecodingError(DecodingError::Kind::dataCorrupted, kChecksumAttributesKey,
+                             "IOValidationAttributes: \"checksumAttributes\" holds " +
+                                 element.dump() + ", which is not one of the ten algorithm flags");
+      }
+      document.set.insert(fileAttributeKey(ChecksumType(element.get<std::uint64_t>())));
+    }
+  }
+
+  if (const nlohmann::json* value = presentValue(json, kForceSizeKey)) {
+    if (!value->is_boolean()) return typeMismatch(kForceSizeKey, "a boolean", *value);
+    document.force = value->get<bool>();
+  }
+  return document;
+}
+
 }  // namespace
 
 IOValidationAttributes::IOValidationAttributes()
@@ -89,36 +149,52 @@ std::shared_ptr<IOValidationAttributes> IOValidationAttributes::create(
 
 std::shared_ptr<IOValidationAttributes> IOValidationAttributes::fromJSON(
     const nlohmann::json& json) {
-  if (!json.is_object()) {
-    throw DecodingError(
-        DecodingError::Kind::typeMismatch, "",
-        "IOValidationAttributes: expected an object, found " + std::string(json.type_name()));
-  }
-  std::shared_ptr<IOValidationAttributes> record(new IOValidationAttributes());
-  FileAttributeKeySet set;
+  if (!json.is_object()) throw notAnObject(json);
+  DecodedDocument document;
 
   // A list of keys, or failing that a set of keys: in JSON both are the same array of strings.
   if (const auto found = json.find(kFileAttributesKey); found != json.end()) {
-    if (auto keys = decodeKeyList(*found)) set.insert(keys->begin(), keys->end());
+    if (auto keys = decodeKeyList(*found)) document.set.insert(keys->begin(), keys->end());
   }
 
   if (const auto found = json.find(kChecksumAttributesKey); found != json.end()) {
     if (const auto numbers = decodeNumberList(*found)) {
-      // A number that is not one of the ten algorithm flags is a malformed entry of a document
-      // from outside: it is skipped like any other malformed entry, never fatal.
-      for (ChecksumType algorithm : checksumAlgorithms(*numbers)) {
-        if (algorithm.isKnownAlgorithm()) set.insert(fileAttributeKey(algorithm));
-      }
+      // The numbers name algorithms: one that is not a single flag stops the process here, as in
+      // create(), before any record exists.
+      const std::vector<FileAttributeKey> keys = fileAttributeKeys(checksumAlgorithms(*numbers));
+      document.set.insert(keys.begin(), keys.end());
     }
   }
 
-  // Without a readable flag the flag stays true, but the size rule is not applied.
   if (const auto found = json.find(kForceSizeKey); found != json.end() && found->is_boolean()) {
-    const bool force = found->get<bool>();
-    record->checksumsRequireMatchingSize_.store(force);
-    applySizeRule(set, force);
+    document.force = found->get<bool>();
   }
+  return makeDecoded(std::move(document.set), document.force);
+}
 
+std::shared_ptr<IOValidationAttributes> IOValidationAttributes::fromUntrustedJSON(
+    const nlohmann::json& json, std::optional<DecodingError>* error) {
+  if (!json.is_object()) {
+    if (error != nullptr) error->emplace(notAnObject(json));
+    return nullptr;
+  }
+  std::variant<DecodedDocument, DecodingError> decoded = decodeStrictly(json);
+  if (auto* failure = std::get_if<DecodingError>(&decoded)) {
+    if (error != nullptr) error->emplace(std::move(*failure));
+    return nullptr;
+  }
+  DecodedDocument& document = std::get<DecodedDocument>(decoded);
+  return makeDecoded(std::move(document.set), document.force);
+}
+
+std::shared_ptr<IOValidationAttributes> IOValidationAttributes::makeDecoded(
+    FileAttributeKeySet set, std::optional<bool> force) {
+  std::shared_ptr<IOValidationAttributes> record(new IOValidationAttributes());
+  // Without a readable flag the flag stays true, but the size rule is not applied.
+  if (force) {
+    record->checksumsRequireMatchingSize_.store(*force);
+    applySizeRule(set, *force);
+  }
   record->attributeSet_ = std::move(set);
   return record;
 }

@@ -1,11 +1,13 @@
 // Tests of IOValidationAttributes: factories, the size rule, the accessors, merging and the
-// keyed serialisation (including lenient decoding of hand-written documents).
+// keyed serialisation (lenient decoding of hand-written documents, the fatal checksum numbers,
+// and strict decoding of documents from outside).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "corvane/Exception.hpp"
@@ -333,14 +335,138 @@ TEST(IOValidationAttributes, DecodingNonObjectIsTypeMismatch) {
   }
 }
 
-// A decoded document comes from outside: numbers that are no algorithm flag are skipped as
-// malformed entries, the valid ones still count.
-TEST(IOValidationAttributes, DecodingSkipsChecksumAttributesThatAreNoAlgorithm) {
-  const json document = json::parse(
-      R"({"checksumAttributes": [3, 0, 1024, 16], "forceChecksumSizeComparison": true})");
-  const auto record = IOValidationAttributes::fromJSON(document);
-  EXPECT_EQ(record->attributeSet(), (FileAttributeKeySet{FileAttributeKey::sha2_256Checksum(),
-                                                         FileAttributeKey::NSFileSize()}));
+// A checksum number names an algorithm: one that is not a single flag stops the process, as it
+// does in the factories, even beside valid numbers.
+TEST(IOValidationAttributesDeathTest, DecodingChecksumNumberThatIsNoSingleFlagIsFatal) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"[3]", "3"}, {"[0]", "0"}, {"[1024]", "1024"}, {"[1, 3]", "3"}, {"[16, 1, 96]", "96"}};
+  for (const auto& [numbers, raw] : cases) {
+    SCOPED_TRACE(numbers);
+    const json document = json::parse(std::string(R"({"checksumAttributes": )") + numbers +
+                                      R"(, "forceChecksumSizeComparison": true})");
+    EXPECT_DEATH((void)IOValidationAttributes::fromJSON(document),
+                 std::string("ChecksumType[^\n]*[^0-9]") + raw + "([^0-9]|$)");
+  }
+}
+
+TEST(IOValidationAttributesDeathTest, DecodingThroughCBORIsFatalToo) {
+  const json document = json::parse(R"({"checksumAttributes": [3]})");
+  EXPECT_DEATH((void)IOValidationAttributes::fromJSON(json::from_cbor(json::to_cbor(document))),
+               "ChecksumType[^\n]*[^0-9]3([^0-9]|$)");
+}
+
+// The diagnostic is the one line every fatal programming error prints.
+TEST(IOValidationAttributesDeathTest, DecodingFatalErrorPrintsOneLineNamingTypeAndValue) {
+  const json document = json::parse(R"({"checksumAttributes": [1024]})");
+  EXPECT_DEATH((void)IOValidationAttributes::fromJSON(document),
+               "^Fatal error: ChecksumType: [^\n]*\\(raw value 1024\\)\n$");
+}
+
+// --- decoding documents from outside -------------------------------------------------------------
+
+// The error fromUntrustedJSON reports for `text`; fails the test if it decodes.
+DecodingError untrustedError(const std::string& text) {
+  std::optional<DecodingError> error;
+  const auto record = IOValidationAttributes::fromUntrustedJSON(json::parse(text), &error);
+  EXPECT_EQ(record, nullptr) << text;
+  EXPECT_TRUE(error.has_value()) << text;
+  return error.value_or(DecodingError(DecodingError::Kind::keyNotFound, "<none>", ""));
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingReportsChecksumNumbersThatAreNoSingleFlag) {
+  for (const char* numbers :
+       {"[3]", "[0]", "[1024]", "[1, 3]", "[-16]", "[16, 18446744073709551615]"}) {
+    const DecodingError error = untrustedError(std::string(R"({"checksumAttributes": )") + numbers +
+                                               R"(, "forceChecksumSizeComparison": true})");
+    EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted) << numbers;
+    EXPECT_EQ(error.key(), "checksumAttributes") << numbers;
+  }
+  const DecodingError error = untrustedError(R"({"checksumAttributes": [1, 3]})");
+  EXPECT_NE(std::string(error.what()).find(" 3,"), std::string::npos) << error.what();
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingReportsValuesOfWrongType) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"fileAttributes": "md5Checksum"})", "fileAttributes"},
+      {R"({"fileAttributes": ["md5Checksum", 5]})", "fileAttributes"},
+      {R"({"fileAttributes": {"a": 1}})", "fileAttributes"},
+      {R"({"checksumAttributes": 1})", "checksumAttributes"},
+      {R"({"checksumAttributes": [1, "16"]})", "checksumAttributes"},
+      {R"({"checksumAttributes": [1.5]})", "checksumAttributes"},
+      {R"({"checksumAttributes": [[1]]})", "checksumAttributes"},
+      {R"({"forceChecksumSizeComparison": "no"})", "forceChecksumSizeComparison"},
+      {R"({"forceChecksumSizeComparison": 1})", "forceChecksumSizeComparison"},
+  };
+  for (const auto& [text, key] : cases) {
+    const DecodingError error = untrustedError(text);
+    EXPECT_EQ(error.kind(), DecodingError::Kind::typeMismatch) << text;
+    EXPECT_EQ(error.key(), key) << text;
+  }
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingReportsNonObjectWithoutThrowing) {
+  for (const json& document : {json::array(), json(5), json("text"), json(nullptr), json(true)}) {
+    std::optional<DecodingError> error;
+    EXPECT_EQ(IOValidationAttributes::fromUntrustedJSON(document, &error), nullptr);
+    ASSERT_TRUE(error.has_value()) << document.dump();
+    EXPECT_EQ(error->kind(), DecodingError::Kind::typeMismatch);
+    EXPECT_EQ(error->key(), "");
+  }
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingWithoutErrorPointerOnlyReturnsNull) {
+  EXPECT_EQ(IOValidationAttributes::fromUntrustedJSON(json::parse(R"({"checksumAttributes": [3]})"),
+                                                      nullptr),
+            nullptr);
+  EXPECT_EQ(IOValidationAttributes::fromUntrustedJSON(json(5), nullptr), nullptr);
+  EXPECT_NE(IOValidationAttributes::fromUntrustedJSON(json::object(), nullptr), nullptr);
+}
+
+// Well-formed documents decode exactly as fromJSON decodes them; the error is left alone.
+TEST(IOValidationAttributes, UntrustedDecodingOfWellFormedDocumentsEqualsDecoding) {
+  for (const char* text : {
+           R"({})",
+           R"({"fileAttributes": ["NSFileModificationDate"], "checksumAttributes": [1, 16],
+               "forceChecksumSizeComparison": true})",
+           R"({"fileAttributes": ["md5Checksum"], "checksumAttributes": [4]})",
+           R"({"fileAttributes": ["md5Checksum"], "forceChecksumSizeComparison": false})",
+           R"({"checksumAttributes": [], "forceChecksumSizeComparison": true, "version": 7})",
+           R"({"checksumAttributes": [512, 256, 128, 64, 32, 16, 8, 4, 2, 1]})",
+       }) {
+    const json document = json::parse(text);
+    std::optional<DecodingError> error;
+    const auto untrusted = IOValidationAttributes::fromUntrustedJSON(document, &error);
+    ASSERT_NE(untrusted, nullptr) << text << ": " << (error ? error->what() : "");
+    EXPECT_FALSE(error.has_value());
+    const auto lenient = IOValidationAttributes::fromJSON(document);
+    EXPECT_EQ(untrusted->attributeSet(), lenient->attributeSet()) << text;
+    EXPECT_EQ(untrusted->checksumsRequireMatchingSize(), lenient->checksumsRequireMatchingSize())
+        << text;
+  }
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingReadsNullAsAbsent) {
+  std::optional<DecodingError> error;
+  const auto record = IOValidationAttributes::fromUntrustedJSON(
+      json::parse(R"({"fileAttributes": null, "checksumAttributes": null,
+                      "forceChecksumSizeComparison": null})"),
+      &error);
+  ASSERT_NE(record, nullptr);
+  EXPECT_TRUE(record->attributeSet().empty());
+  EXPECT_TRUE(record->checksumsRequireMatchingSize());
+}
+
+TEST(IOValidationAttributes, UntrustedDecodingReadsEncodedRecordsBack) {
+  for (bool force : {true, false}) {
+    const auto record = IOValidationAttributes::create(
+        {kModificationDate, Key("custom")}, Types{ChecksumTypeSHA256, ChecksumTypeC4}, force);
+    std::optional<DecodingError> error;
+    const auto decoded = IOValidationAttributes::fromUntrustedJSON(
+        json::from_cbor(json::to_cbor(record->encode())), &error);
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(decoded->attributeSet(), record->attributeSet());
+    EXPECT_EQ(decoded->checksumsRequireMatchingSize(), force);
+  }
 }
 
 }  // namespace

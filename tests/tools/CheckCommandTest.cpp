@@ -919,6 +919,254 @@ TEST(CheckCommand, MissingFileWithNewlineIsReportedEscaped) {
                          "WARNING: 1 listed file could not be read\n");
 }
 
+// --- blanks in lines, as sha256sum -c reads them --------------------------------------------
+
+// Runs `sha256sum -c` with `arguments` in `directory`, stderr included.
+RunResult sha256sumCheckIn(const ScratchDirectory& directory, const std::string& arguments) {
+  const std::string errPath = directory.file(".sha256sum-stderr");
+  RunResult run = runShell("cd " + shellQuote(directory.path().string()) + " && sha256sum -c " +
+                           arguments + " 2>" + shellQuote(errPath));
+  run.err = readFile(errPath);
+  ::unlink(errPath.c_str());
+  return run;
+}
+
+// Files whose names differ only in blanks, stars and backslashes, each with its own content, so
+// that a line naming one of them is OK only when that very file is read.
+const std::vector<std::string> kBlankNames = {
+    "a", " a", "  a", "*a", " *a", "a ", "a  ", "\ta", "a\t", " ", "*", "\t", "a\\b", "*a\\b",
+};
+
+void writeBlankNames(const ScratchDirectory& scratch) {
+  for (std::size_t i = 0; i < kBlankNames.size(); ++i) {
+    scratch.writeText(kBlankNames[i], "content " + std::to_string(i));
+  }
+}
+
+std::string sha256Of(const ScratchDirectory& scratch, const std::string& name) {
+  return shellIn(scratch, "sha256sum < " + shellQuote(name)).substr(0, 64);
+}
+
+// Every line form sha256sum -c accepts, with the file it reads: '@' stands for that file's
+// SHA-256. Each is checked as a list of its own, so no earlier line of the run comes into play.
+TEST(CheckCommand, EveryLineFormSha256sumAcceptsReadsTheSameFile) {
+  SKIP_WITHOUT("sha256sum");
+  struct Form {
+    std::string line;
+    std::string name;
+  };
+  const Form forms[] = {
+      {"@  a", "a"},
+      {"@ *a", "a"},
+      {"@ a", "a"},
+      {"@\ta", "a"},
+      {"@\t a", "a"},
+      {"@\t*a", "a"},
+      {" @  a", "a"},
+      {"  @ a", "a"},
+      {"\t@\ta", "a"},
+      {"\t @ *a", "a"},
+      {"@ \ta", "\ta"},
+      {"@\t\ta", "\ta"},
+      {"@   a", " a"},
+      {"@    a", "  a"},
+      {"@\t  a", " a"},
+      {"@  *a", "*a"},
+      {"@ **a", "*a"},
+      {"@ * *a", " *a"},
+      {"@ a ", "a "},
+      {"@  a  ", "a  "},
+      {"@  a\t", "a\t"},
+      {"@  ", " "},
+      {"@ *", "*"},
+      {"@\t\t", "\t"},
+      {"@ a\r", "a"},
+      {"@\ta\r", "a"},
+      {" @  a\r", "a"},
+      {"\\@ a\\\\b", "a\\b"},
+      {" \\@\ta\\\\b", "a\\b"},
+      {"\\@\t *a\\\\b", "*a\\b"},
+      {"\\@  *a\\\\b", "*a\\b"},
+      {"SHA256 (a) = @", "a"},
+      {" SHA256 (a) = @", "a"},
+      {"\tSHA256(a)=@", "a"},
+      {"SHA256 (a)\t=\t@", "a"},
+      {"SHA256 (a)   = @", "a"},
+      {"SHA256 ( a) = @", " a"},
+      {"SHA256 (a ) = @", "a "},
+      {"SHA256 (\ta) = @", "\ta"},
+      {"  \\SHA256 (a\\\\b) = @", "a\\b"},
+      {"SHA256 (a) = @\r", "a"},
+  };
+  ScratchDirectory scratch;
+  writeBlankNames(scratch);
+  for (const Form& form : forms) {
+    SCOPED_TRACE(testing::PrintToString(form.line));
+    std::string line = form.line;
+    line.replace(line.find('@'), 1, sha256Of(scratch, form.name));
+    scratch.writeText("list", line + "\n");
+    const RunResult gnu = sha256sumCheckIn(scratch, "list");
+    EXPECT_EQ(gnu.out, form.name + ": OK\n");
+    EXPECT_EQ(gnu.status, 0);
+    const RunResult run = checkIn(scratch, {"list"});
+    EXPECT_EQ(run.out, gnu.out);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+// A tag line may name no file at all; both read it and fail to open "".
+TEST(CheckCommand, TagLineWithAnEmptyNameFailsToOpenAsForSha256sum) {
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  scratch.writeText("list", "SHA256 () = " + std::string(64, '0') + "\n");
+  const RunResult gnu = sha256sumCheckIn(scratch, "list");
+  const RunResult run = checkIn(scratch, {"list"});
+  EXPECT_EQ(gnu.out, ": FAILED open or read\n");
+  EXPECT_EQ(run.out, gnu.out);
+  EXPECT_EQ(run.status, gnu.status);
+  EXPECT_EQ(run.err, kPrefix + ": No such file or directory\n" + kPrefix +
+                         "WARNING: 1 listed file could not be read\n");
+}
+
+// The lines sha256sum -c refuses stay improperly formatted ('@': a valid checksum).
+TEST(CheckCommand, LineFormsSha256sumRefusesStayImproper) {
+  SKIP_WITHOUT("sha256sum");
+  const std::string refused[] = {
+      "@ ",
+      "@\t",
+      "@*a",
+      "@\va",
+      "\v@  a",
+      "\\ @  a",
+      " # @  a",
+      "\\# @  a",
+      "\\@  a\\tb",
+      "SHA256  (a) = @",
+      "SHA256\t(a) = @",
+      "SHA256 (a) = @ ",
+      "SHA256 (a) = @\t",
+      "SHA256 (a) = = @",
+      "SHA256 (a) x = @",
+      "SHA256 (a = @",
+      "SHA256 a) = @",
+      "sha256 (a) = @",
+      "   ",
+  };
+  ScratchDirectory scratch;
+  writeBlankNames(scratch);
+  const std::string checksum = sha256Of(scratch, "a");
+  for (std::string line : refused) {
+    SCOPED_TRACE(testing::PrintToString(line));
+    if (const auto at = line.find('@'); at != std::string::npos) line.replace(at, 1, checksum);
+    scratch.writeText("list", checksum + "  a\n" + line + "\n");
+    const RunResult gnu = sha256sumCheckIn(scratch, "list");
+    EXPECT_EQ(gnu.out, "a: OK\n");
+    EXPECT_EQ(gnu.status, 0);
+    EXPECT_EQ(gnu.err, "sha256sum: WARNING: 1 line is improperly formatted\n");
+    const RunResult run = checkIn(scratch, {"list"});
+    EXPECT_EQ(run.out, gnu.out);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, kPrefix + "WARNING: 1 line is improperly formatted\n");
+  }
+}
+
+// Names that begin or end with blanks or stars, listed by hash (GNU and tag lines) and by
+// sha256sum (plain and --tag), read back by check and by sha256sum -c. Every one survives, in
+// every list, and both readers print the same result lines.
+TEST(CheckCommand, NamesWithBlanksRoundTripThroughHashCheckAndSha256sum) {
+  SKIP_WITHOUT("sha256sum");
+  const std::vector<std::string> names = {
+      " a", "  a", "a ", "a  ", "\ta", "a\t", " \t a \t ", "*a", " *a", "* a", " ", "  ", "\t", "*",
+  };
+  const std::vector<std::string> writers = {
+      tool() + " hash -a sha256",     tool() + " hash --tag -a sha256",
+      tool() + " hash -a sha256,md5", "sha256sum",
+      "sha256sum --binary",           "sha256sum --tag",
+  };
+  for (const std::string& writer : writers) {
+    SCOPED_TRACE(writer);
+    ScratchDirectory scratch;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      scratch.writeText(names[i], "content " + std::to_string(i));
+    }
+    scratch.writeText("list", shellIn(scratch, writer + quoted(names)));
+    const std::size_t linesPerName = writer.find("sha256,md5") != std::string::npos ? 2 : 1;
+    std::string expected;
+    for (const std::string& name : names) {
+      for (std::size_t i = 0; i < linesPerName; ++i) expected += name + ": OK\n";
+    }
+    const RunResult run = checkIn(scratch, {"list"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, expected);
+    EXPECT_EQ(run.err, "");
+    if (linesPerName == 1) EXPECT_EQ(run.out, sha256sumCheckIn(scratch, "list").out);
+
+    for (const std::string& name : names) scratch.writeText(name, "changed " + name);
+    const RunResult changed = checkIn(scratch, {"list"});
+    EXPECT_EQ(changed.status, 1);
+    if (linesPerName == 1) EXPECT_EQ(changed.out, sha256sumCheckIn(scratch, "list").out);
+    EXPECT_EQ(changed.out.find(": OK"), std::string::npos) << changed.out;
+  }
+}
+
+// Lists that separate checksum and name by a single blank, as some tools write them: names may
+// begin with a tab or end with blanks.
+TEST(CheckCommand, SingleBlankListsReadLikeSha256sum) {
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  writeBlankNames(scratch);
+  for (const std::string separator : {" ", "\t"}) {
+    SCOPED_TRACE(testing::PrintToString(separator));
+    std::string list;
+    std::string expected;
+    for (const std::string name : {"a", "\ta", "a ", "a\t", "a\\b", "a  "}) {
+      list += sha256Of(scratch, name) + separator + name + "\n";
+      expected += name + ": OK\n";
+    }
+    scratch.writeText("list", list);
+    const RunResult gnu = sha256sumCheckIn(scratch, "list");
+    EXPECT_EQ(gnu.out, expected);
+    const RunResult run = checkIn(scratch, {"list"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, expected);
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+// The first GNU line of a run settles how the later ones separate checksum and name, across
+// lists too. Disabled until check keeps one GnuLineForm for the whole run (ListLoader); each
+// line read on its own, the later lines below get the other reading.
+TEST(CheckCommand, DISABLED_MixedGnuFormsReadLikeSha256sum) {
+  SKIP_WITHOUT("sha256sum");
+  ScratchDirectory scratch;
+  writeBlankNames(scratch);
+  const auto line = [&](const std::string& separator, const std::string& name) {
+    return sha256Of(scratch, name) + separator + name + "\n";
+  };
+  // Unmarked first: "<checksum>  a" then names " a".
+  scratch.writeText("unmarked", line(" ", "a") + line(" ", " a") + line(" ", "*a") +
+                                    line("\t", " *a") + line(" ", "\ta"));
+  // Marked first: single-blank lines are improper.
+  scratch.writeText("marked", line("  ", "a") + line(" ", "a ") + line("\t", "a\t") +
+                                  line(" *", " a") + line("\t ", "*a"));
+  scratch.writeText("tagged", line(" ", "a ") + "SHA256 (a) = " + sha256Of(scratch, "a") + "\n");
+  for (const std::string lists : {"unmarked", "marked", "unmarked tagged", "marked tagged",
+                                  "tagged marked", "tagged unmarked"}) {
+    SCOPED_TRACE(lists);
+    std::vector<std::string> arguments = {"-w"};
+    for (std::size_t start = 0; start < lists.size();) {
+      const auto end = std::min(lists.find(' ', start), lists.size());
+      arguments.push_back(lists.substr(start, end - start));
+      start = end + 1;
+    }
+    const RunResult gnu = sha256sumCheckIn(scratch, "-w " + lists);
+    const RunResult run = checkIn(scratch, arguments);
+    EXPECT_EQ(run.out, gnu.out);
+    EXPECT_EQ(run.status, gnu.status);
+  }
+}
+
 // --- parallel runs ---------------------------------------------------------------------------
 
 TEST(CheckCommand, OutputDoesNotDependOnTheNumberOfJobs) {

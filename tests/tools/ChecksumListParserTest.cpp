@@ -1,6 +1,7 @@
 // Unit tests of the checksum list line parser of corvane-checksum check: the GNU and tag line
-// forms, escaped names, comments, CRLF endings, what settles the algorithm of a line (tag, -a,
-// the list's name, the length) and checksum comparison.
+// forms with every blank sha256sum -c takes, escaped names, comments, CRLF endings, the form the
+// GNU lines of a run share, what settles the algorithm of a line (tag, -a, the list's name, the
+// length) and checksum comparison.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -17,6 +18,7 @@ using corvane::tool::ChecksumListEntry;
 using corvane::tool::checksumsMatch;
 using corvane::tool::findAlgorithm;
 using corvane::tool::GnuLineContext;
+using corvane::tool::GnuLineForm;
 using corvane::tool::IgnoredLine;
 using corvane::tool::ImproperLine;
 using corvane::tool::listSuffixAlgorithm;
@@ -50,6 +52,12 @@ std::optional<ChecksumListEntry> entryOf(std::string_view line,
 // With the algorithm of GNU lines forced (-a).
 std::optional<ChecksumListEntry> entryOf(std::string_view line, const AlgorithmName* forced) {
   return entryOf(line, GnuLineContext{.forced = forced});
+}
+
+// The path of `line`'s entry; "<not an entry>" when it is ignored or improperly formatted.
+std::string pathOf(std::string_view line, const GnuLineContext& context = {}) {
+  const auto entry = entryOf(line, context);
+  return entry ? entry->path : "<not an entry>";
 }
 
 // The candidates of `line`; empty when it is not an entry.
@@ -297,23 +305,252 @@ TEST(ChecksumListParser, C4IdMustBeBase58AfterItsPrefix) {
 }
 
 TEST(ChecksumListParser, MalformedLinesAreImproper) {
-  EXPECT_TRUE(isImproper(kMd5 + " f"));    // one space
-  EXPECT_TRUE(isImproper(kMd5 + "\tf"));   // tab
-  EXPECT_TRUE(isImproper(kMd5 + "  "));    // no name
+  EXPECT_TRUE(isImproper(kMd5 + " "));     // no name
+  EXPECT_TRUE(isImproper(kMd5 + "\t"));    // no name
   EXPECT_TRUE(isImproper(kMd5));           // nothing after the checksum
   EXPECT_TRUE(isImproper(kMd5 + "0  f"));  // 33 digits
+  EXPECT_TRUE(isImproper(kMd5 + "*f"));    // no blank after the checksum
   std::string notHex = kMd5;
   notHex[0] = 'g';
   EXPECT_TRUE(isImproper(notHex + "  f"));
   EXPECT_TRUE(isImproper("abc  f"));                   // no algorithm has 3 digits
-  EXPECT_TRUE(isImproper(" " + kMd5 + "  f"));         // leading space
   EXPECT_TRUE(isImproper("sha256 (f) = " + kSha256));  // tags are upper case
   EXPECT_TRUE(isImproper("SHA384 (f) = " + kSha256));  // unknown tag
-  EXPECT_TRUE(isImproper("SHA256 () = " + kSha256));   // empty name
-  EXPECT_TRUE(isImproper("SHA256 (f)= " + kSha256));
-  EXPECT_TRUE(isImproper("SHA256 (f) =" + kSha256));
   EXPECT_TRUE(isImproper("junk"));
   EXPECT_TRUE(isImproper(kMd5 + std::string("  nul\0byte", 10)));
+}
+
+// --- blanks, as sha256sum -c reads them (coreutils 9.1) -------------------------------------
+
+TEST(ChecksumListParser, OneSpaceOrTabMaySeparateChecksumAndName) {
+  EXPECT_EQ(pathOf(kMd5 + " f"), "f");
+  EXPECT_EQ(pathOf(kMd5 + "\tf"), "f");
+  EXPECT_EQ(pathOf(kSha256 + " some file.txt"), "some file.txt");
+  const auto tab = entryOf(kSha256 + "\tf");
+  ASSERT_TRUE(tab.has_value());
+  EXPECT_EQ(tab->candidates, only("sha256"));
+  EXPECT_EQ(tab->checksum, kSha256);
+  EXPECT_EQ(candidatesOf(kXxh64 + "\tf", {.forced = algorithm("xxh3")}), only("xxh3"));
+  EXPECT_EQ(pathOf(kMd5 + " f\r"), "f");
+  EXPECT_EQ(pathOf(kMd5 + "\tf\r"), "f");
+}
+
+TEST(ChecksumListParser, TextOrBinaryMarkMayFollowATab) {
+  EXPECT_EQ(pathOf(kMd5 + "\t f"), "f");
+  EXPECT_EQ(pathOf(kMd5 + "\t*f"), "f");
+}
+
+TEST(ChecksumListParser, BlankAfterTheSeparatorThatIsNoMarkBelongsToTheName) {
+  EXPECT_EQ(pathOf(kMd5 + " \tf"), "\tf");
+  EXPECT_EQ(pathOf(kMd5 + "\t\tf"), "\tf");
+  EXPECT_EQ(pathOf(kMd5 + "  \tf"), "\tf");
+}
+
+TEST(ChecksumListParser, LeadingBlanksAreSkipped) {
+  for (const std::string blanks : {" ", "  ", "\t", "\t ", " \t \t"}) {
+    SCOPED_TRACE(testing::PrintToString(blanks));
+    EXPECT_EQ(pathOf(blanks + kMd5 + "  f"), "f");
+    EXPECT_EQ(pathOf(blanks + kMd5 + " *f"), "f");
+    EXPECT_EQ(pathOf(blanks + kMd5 + " f"), "f");
+    EXPECT_EQ(pathOf(blanks + kMd5 + "\tf"), "f");
+    EXPECT_EQ(pathOf(blanks + "SHA256 (f) = " + kSha256), "f");
+    EXPECT_EQ(pathOf(blanks + "\\" + kMd5 + "  a\\\\b"), "a\\b");
+    EXPECT_EQ(pathOf(blanks + "\\SHA1 (a\\nb) = " + kSha1), "a\nb");
+  }
+}
+
+TEST(ChecksumListParser, BlanksAfterTheEscapeMarkAreNotSkipped) {
+  EXPECT_TRUE(isImproper("\\ " + kMd5 + "  f"));
+  EXPECT_TRUE(isImproper("\\\t" + kMd5 + "  f"));
+  EXPECT_TRUE(isImproper("\\ SHA1 (f) = " + kSha1));
+}
+
+TEST(ChecksumListParser, CommentsStartAtTheFirstByteOnly) {
+  EXPECT_TRUE(isImproper(" # comment"));
+  EXPECT_TRUE(isImproper("\t#"));
+  EXPECT_TRUE(isImproper("\\# comment"));
+  EXPECT_TRUE(isImproper(" "));
+  EXPECT_TRUE(isImproper("\t\r"));
+}
+
+TEST(ChecksumListParser, OtherWhiteSpaceIsNoBlank) {
+  EXPECT_TRUE(isImproper("\v" + kMd5 + "  f"));
+  EXPECT_TRUE(isImproper("\f" + kMd5 + "  f"));
+  EXPECT_TRUE(isImproper(kMd5 + "\vf"));
+  EXPECT_TRUE(isImproper(kMd5 + "\r f"));
+}
+
+// "<checksum>   a" is the two-space form of " a", never the one-space form of "  a".
+TEST(ChecksumListParser, TwoSpaceFormWinsForNamesBeginningWithASpaceOrStar) {
+  EXPECT_EQ(pathOf(kMd5 + "   a"), " a");
+  EXPECT_EQ(pathOf(kMd5 + "    a"), "  a");
+  EXPECT_EQ(pathOf(kMd5 + "  *a"), "*a");
+  EXPECT_EQ(pathOf(kMd5 + " **a"), "*a");
+  EXPECT_EQ(pathOf(kMd5 + " * a"), " a");
+  EXPECT_EQ(pathOf(kMd5 + "\t  a"), " a");
+  EXPECT_EQ(pathOf(kMd5 + "  a "), "a ");
+  EXPECT_EQ(pathOf(kMd5 + " a "), "a ");
+  EXPECT_EQ(pathOf(kMd5 + "  a\t"), "a\t");
+}
+
+// A single byte after the separator cannot be a mark followed by a name: it is the name.
+TEST(ChecksumListParser, SingleByteAfterTheSeparatorIsTheName) {
+  EXPECT_EQ(pathOf(kMd5 + "  "), " ");
+  EXPECT_EQ(pathOf(kMd5 + " *"), "*");
+  EXPECT_EQ(pathOf(kMd5 + "\t "), " ");
+  EXPECT_EQ(pathOf(kMd5 + "\t\t"), "\t");
+  EXPECT_EQ(pathOf(kMd5 + "   "), " ");
+  EXPECT_EQ(pathOf(kMd5 + " **"), "*");
+}
+
+TEST(ChecksumListParser, EscapedLinesTakeEverySeparator) {
+  EXPECT_EQ(pathOf("\\" + kMd5 + " a\\\\b"), "a\\b");
+  EXPECT_EQ(pathOf("\\" + kMd5 + "\ta\\nb"), "a\nb");
+  EXPECT_EQ(pathOf("\\" + kMd5 + "\t *a\\rb"), "*a\rb");
+  EXPECT_EQ(pathOf("\\" + kMd5 + " *\\\\"), "\\");
+  EXPECT_EQ(pathOf("\\" + kMd5 + "   a"), " a");
+  EXPECT_TRUE(isImproper("\\" + kMd5 + " a\\tb"));
+}
+
+TEST(ChecksumListParser, TagLineTakesBlanksAroundTheEqualsSign) {
+  for (const std::string middle : {") = ", ")= ", ") =", ")=", ")   =   ", ")\t=\t", ") \t= \t"}) {
+    SCOPED_TRACE(testing::PrintToString(middle));
+    const auto entry = entryOf("SHA256 (f" + middle + kSha256);
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_EQ(entry->path, "f");
+    EXPECT_EQ(entry->checksum, kSha256);
+  }
+}
+
+TEST(ChecksumListParser, TagMayTouchTheParenthesis) {
+  EXPECT_EQ(pathOf("SHA256(f) = " + kSha256), "f");
+  EXPECT_EQ(candidatesOf("XXH64(f)=" + kXxh64), only("xxh64"));
+  EXPECT_EQ(pathOf("\\MD5(a\\\\b) = " + kMd5), "a\\b");
+}
+
+TEST(ChecksumListParser, TagLineNameRunsToTheLastParenthesis) {
+  EXPECT_EQ(pathOf("SHA256 ( f) = " + kSha256), " f");
+  EXPECT_EQ(pathOf("SHA256 (  f) = " + kSha256), "  f");
+  EXPECT_EQ(pathOf("SHA256 (f ) = " + kSha256), "f ");
+  EXPECT_EQ(pathOf("SHA256 (\tf\t) = " + kSha256), "\tf\t");
+  EXPECT_EQ(pathOf("SHA256 (a) x) = " + kSha256), "a) x");
+  EXPECT_EQ(pathOf("SHA256 (a)(b) = " + kSha256), "a)(b");
+}
+
+// sha256sum -c takes such a line and then fails to open "".
+TEST(ChecksumListParser, TagLineMayHaveAnEmptyName) {
+  const auto entry = entryOf("SHA256 () = " + kSha256);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->path, "");
+  EXPECT_EQ(entry->candidates, only("sha256"));
+}
+
+TEST(ChecksumListParser, MalformedTagLinesStayImproper) {
+  EXPECT_TRUE(isImproper("SHA256  (f) = " + kSha256));  // two spaces after the tag
+  EXPECT_TRUE(isImproper("SHA256\t(f) = " + kSha256));  // tab after the tag
+  EXPECT_TRUE(isImproper("SHA256 (f) = " + kSha256 + " "));
+  EXPECT_TRUE(isImproper("SHA256 (f) = " + kSha256 + "\t"));
+  EXPECT_TRUE(isImproper("SHA256 (f) = = " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 (f) x = " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 (f = " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 f) = " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 (f) = " + kSha256 + ")"));
+  EXPECT_TRUE(isImproper("SHA256 (f) " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256x (f) = " + kSha256));
+  EXPECT_TRUE(isImproper("SHA256 (f) = " + kSha256.substr(1)));
+  EXPECT_TRUE(isImproper("SHA256 (f)\v= " + kSha256));
+  EXPECT_TRUE(isImproper(std::string("SHA256 (f\0) = ", 14) + kSha256));
+}
+
+// --- the form of the GNU lines of a run ----------------------------------------------------
+
+// Parses `lines` in order as one run, giving the path of each entry ("<not an entry>" for the
+// others).
+std::vector<std::string> pathsOfRun(const std::vector<std::string>& lines,
+                                    GnuLineForm* form = nullptr) {
+  GnuLineForm own = GnuLineForm::kUndecided;
+  if (form == nullptr) form = &own;
+  std::vector<std::string> paths;
+  for (const std::string& line : lines) {
+    auto parsed = parseChecksumLine(line, {}, form);
+    auto* entry = std::get_if<ChecksumListEntry>(&parsed);
+    paths.push_back(entry != nullptr ? entry->path : "<not an entry>");
+  }
+  return paths;
+}
+
+using Paths = std::vector<std::string>;
+const std::string kNoEntry = "<not an entry>";
+
+TEST(ChecksumListParser, FirstProperGnuLineDecidesTheFormOfTheRun) {
+  GnuLineForm form = GnuLineForm::kUndecided;
+  pathsOfRun({kMd5 + "  a"}, &form);
+  EXPECT_EQ(form, GnuLineForm::kMarked);
+  form = GnuLineForm::kUndecided;
+  pathsOfRun({kMd5 + " a"}, &form);
+  EXPECT_EQ(form, GnuLineForm::kUnmarked);
+  form = GnuLineForm::kUndecided;
+  pathsOfRun({kMd5 + "\t*a"}, &form);
+  EXPECT_EQ(form, GnuLineForm::kMarked);
+  form = GnuLineForm::kUndecided;
+  pathsOfRun({kMd5 + " *"}, &form);
+  EXPECT_EQ(form, GnuLineForm::kUnmarked);
+}
+
+TEST(ChecksumListParser, UnmarkedLinesAfterAMarkedOneAreImproper) {
+  EXPECT_EQ(pathsOfRun({kMd5 + "  a", kMd5 + " b", kMd5 + "\tc", kMd5 + " *", kMd5 + "  ",
+                        kMd5 + " *d", kMd5 + "\t e"}),
+            Paths({"a", kNoEntry, kNoEntry, kNoEntry, kNoEntry, "d", "e"}));
+}
+
+// After an unmarked line a leading ' ' or '*' is part of the name: in such a list "<checksum>  a"
+// names " a", as the single-blank writer meant.
+TEST(ChecksumListParser, AfterAnUnmarkedLineMarksBelongToTheName) {
+  EXPECT_EQ(pathsOfRun({kMd5 + " a", kMd5 + "  b", kMd5 + " *c", kMd5 + "\t d", kMd5 + "\t*e",
+                        kMd5 + "   f", kMd5 + " g"}),
+            Paths({"a", " b", "*c", " d", "*e", "  f", "g"}));
+  EXPECT_EQ(pathsOfRun({kMd5 + "\ta", kMd5 + " * b"}), Paths({"a", "* b"}));
+}
+
+// The first line cannot tell a name beginning with a blank from a mark: it is read marked.
+TEST(ChecksumListParser, UnmarkedListWhoseFirstNameBeginsWithASpaceIsReadMarked) {
+  EXPECT_EQ(pathsOfRun({kMd5 + "  a", kMd5 + " b"}), Paths({"a", kNoEntry}));
+}
+
+TEST(ChecksumListParser, TagCommentAndImproperLinesLeaveTheFormOpen) {
+  GnuLineForm form = GnuLineForm::kUndecided;
+  EXPECT_EQ(pathsOfRun({"# " + kMd5 + "  a", "", "MD5 (t) = " + kMd5, "junk", kMd5 + "0  x",
+                        "abc  x", "\\ " + kMd5 + "  x"},
+                       &form),
+            Paths({kNoEntry, kNoEntry, "t", kNoEntry, kNoEntry, kNoEntry, kNoEntry}));
+  EXPECT_EQ(form, GnuLineForm::kUndecided);
+  EXPECT_EQ(pathsOfRun({"MD5 (t) = " + kMd5, kMd5 + " b", kMd5 + "  c"}), Paths({"t", "b", " c"}));
+}
+
+// A line with a proper checksum decides even when its escaped name is then found improper.
+TEST(ChecksumListParser, GnuLineWithABadEscapeStillDecidesTheForm) {
+  EXPECT_EQ(pathsOfRun({"\\" + kMd5 + "  a\\q", kMd5 + " b"}), Paths({kNoEntry, kNoEntry}));
+  EXPECT_EQ(pathsOfRun({"\\" + kMd5 + " a\\q", kMd5 + "  b"}), Paths({kNoEntry, " b"}));
+}
+
+// A forced algorithm that the checksum does not fit makes the line improper before the form.
+TEST(ChecksumListParser, LineWhoseChecksumDoesNotFitLeavesTheFormOpen) {
+  GnuLineForm form = GnuLineForm::kUndecided;
+  EXPECT_TRUE(std::holds_alternative<ImproperLine>(
+      parseChecksumLine(kMd5 + "  a", {.forced = algorithm("sha256")}, &form)));
+  EXPECT_EQ(form, GnuLineForm::kUndecided);
+}
+
+TEST(ChecksumListParser, WithoutAFormEveryLineIsReadAsTheFirstOfItsRun) {
+  EXPECT_EQ(pathOf(kMd5 + " a"), "a");
+  EXPECT_EQ(pathOf(kMd5 + "  b"), "b");
+  EXPECT_EQ(pathOf(kMd5 + " c"), "c");
+  GnuLineForm marked = GnuLineForm::kMarked;
+  EXPECT_TRUE(std::holds_alternative<ImproperLine>(parseChecksumLine(kMd5 + " c", {}, &marked)));
+  GnuLineForm unmarked = GnuLineForm::kUnmarked;
+  const auto parsed = parseChecksumLine(kMd5 + "  d", {}, &unmarked);
+  ASSERT_TRUE(std::holds_alternative<ChecksumListEntry>(parsed));
+  EXPECT_EQ(std::get<ChecksumListEntry>(parsed).path, " d");
 }
 
 TEST(ChecksumListParser, HexChecksumsMatchWithoutRegardToCase) {

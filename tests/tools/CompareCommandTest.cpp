@@ -114,9 +114,41 @@ ExpectedRun expectedComparison(const Tree& source, const Tree& destination,
   std::set<std::string> paths;
   for (const auto& [path, content] : source) paths.insert(path);
   for (const auto& [path, content] : destination) paths.insert(path);
+  // Folders are the parents of the files; one present on one side only is reported at the top
+  // of its branch.
+  const auto foldersOf = [](const Tree& tree) {
+    std::set<std::string> folders;
+    for (const auto& [path, content] : tree) {
+      for (auto slash = path.find('/'); slash != std::string::npos;
+           slash = path.find('/', slash + 1)) {
+        folders.insert(path.substr(0, slash));
+      }
+    }
+    return folders;
+  };
+  const std::set<std::string> sourceFolders = foldersOf(source);
+  const std::set<std::string> destinationFolders = foldersOf(destination);
+  std::set<std::string> entries = paths;
+  entries.insert(sourceFolders.begin(), sourceFolders.end());
+  entries.insert(destinationFolders.begin(), destinationFolders.end());
   std::size_t matched = 0, missing = 0, added = 0, sizeDiffers = 0, checksumDiffers = 0;
+  std::size_t missingFolders = 0, newFolders = 0;
+  std::vector<std::string> oneSideBranches;
   ExpectedRun expected;
-  for (const std::string& path : paths) {
+  for (const std::string& path : entries) {
+    const bool sourceFolder = sourceFolders.contains(path);
+    const bool destinationFolder = destinationFolders.contains(path);
+    if (sourceFolder || destinationFolder) {
+      if (sourceFolder && destinationFolder) continue;
+      const bool inside =
+          std::any_of(oneSideBranches.begin(), oneSideBranches.end(),
+                      [&path](const std::string& branch) { return path.rfind(branch, 0) == 0; });
+      if (inside) continue;
+      oneSideBranches.push_back(path + "/");
+      expected.out += (sourceFolder ? "missing folder: " : "new folder: ") + path + "\n";
+      ++(sourceFolder ? missingFolders : newFolders);
+      continue;
+    }
     const auto inSource = source.find(path);
     const auto inDestination = destination.find(path);
     if (inDestination == destination.end()) {
@@ -149,9 +181,21 @@ ExpectedRun expectedComparison(const Tree& source, const Tree& destination,
       }
     }
   }
-  expected.out +=
+  std::string summary =
       summaryLine(paths.size(), matched, missing, added, sizeDiffers, checksumDiffers, 0);
-  expected.status = sizeDiffers + checksumDiffers != 0 ? 1 : (missing + added != 0 ? 3 : 0);
+  summary.pop_back();
+  if (missingFolders != 0) {
+    summary += ", " + std::to_string(missingFolders) +
+               (missingFolders == 1 ? " missing folder" : " missing folders");
+  }
+  if (newFolders != 0) {
+    summary +=
+        ", " + std::to_string(newFolders) + (newFolders == 1 ? " new folder" : " new folders");
+  }
+  expected.out += summary + "\n";
+  expected.status = sizeDiffers + checksumDiffers + missingFolders + newFolders != 0
+                        ? 1
+                        : (missing + added != 0 ? 3 : 0);
   return expected;
 }
 
@@ -453,9 +497,9 @@ TEST_F(CompareCommand, EmptyFoldersAreNotFilesAndEmptyFilesCompare) {
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, summaryLine(0, 0, 0, 0, 0, 0, 0));
 
-  // Empty folders on either side only, and empty files on both.
-  fs::create_directories(sourceFile("only/in/source"));
-  fs::create_directories(destinationFile("only-in-destination"));
+  // Empty files on both sides, and a folder present on both: fine.
+  fs::create_directories(sourceFile("both/empty-folder"));
+  fs::create_directories(destinationFile("both/empty-folder"));
   write({{"empty", ""}, {"nested/empty", ""}}, {{"empty", ""}, {"nested/empty", ""}});
   run = compare({"-v"});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -466,6 +510,45 @@ TEST_F(CompareCommand, EmptyFoldersAreNotFilesAndEmptyFilesCompare) {
   run = compare({});
   EXPECT_EQ(run.status, 1) << run.err;
   EXPECT_EQ(run.out, "size differs: empty (0 != 10 bytes)\n" + summaryLine(2, 1, 0, 0, 1, 0, 0));
+}
+
+TEST_F(CompareCommand, FoldersOnOneSideOnlyAreReportedOnceAtTheirTopAndFail) {
+  // A copy that lost a folder (even an empty one) is not a faithful copy. Only the topmost folder
+  // of a missing branch is named; the files below it are missing one by one.
+  fs::create_directories(sourceFile("only/in/source"));
+  fs::create_directories(destinationFile("only-in-destination/deeper"));
+  write({{"kept", "k"}, {"only/file", "f"}}, {{"kept", "k"}});
+  RunResult run = compare({});
+  EXPECT_EQ(run.status, 1) << run.err;
+  const std::string summary = summaryLine(2, 1, 1, 0, 0, 0, 0);
+  EXPECT_EQ(run.out, "missing folder: only\nnew folder: only-in-destination\nmissing: only/file\n" +
+                         summary.substr(0, summary.size() - 1) +
+                         ", 1 missing folder, 1 new folder\n");
+  EXPECT_EQ(run.err, "");
+
+  const RunResult json = compare({"--json"});
+  EXPECT_EQ(json.status, 1);
+  const nlohmann::json document = nlohmann::json::parse(json.out);
+  EXPECT_EQ(document["totals"]["missingFolders"], 1);
+  EXPECT_EQ(document["totals"]["newFolders"], 1);
+  const nlohmann::json& files = document["files"];
+  ASSERT_EQ(files.size(), 4u) << json.out;
+  EXPECT_EQ(files[1]["path"], "only");
+  EXPECT_EQ(files[1]["status"], "missing folder");
+  EXPECT_EQ(files[2]["path"], "only-in-destination");
+  EXPECT_EQ(files[2]["status"], "new folder");
+  EXPECT_EQ(files[3]["path"], "only/file");
+  EXPECT_EQ(files[3]["status"], "missing");
+}
+
+TEST_F(CompareCommand, FolderAgainstFileIsATypeDifference) {
+  fs::create_directories(sourceFile("thing"));
+  write({}, {{"thing", "a file"}});
+  const RunResult run = compare({});
+  EXPECT_EQ(run.status, 1) << run.err;
+  const std::string summary = summaryLine(1, 0, 0, 0, 0, 0, 0);
+  EXPECT_EQ(run.out, "type differs: thing (folder != file)\n" +
+                         summary.substr(0, summary.size() - 1) + ", 1 type differs\n");
 }
 
 // ----- two files, wrong operands and usage -----------------------------------------------------
@@ -601,7 +684,10 @@ TEST_F(CompareCommand, JsonHoldsFilesTotalsAndTheValidationRecord) {
                                             {"checksumDiffers", 1},
                                             {"unreadable", 0},
                                             {"namesDiffer", 0},
-                                            {"nameCollisions", 0}}));
+                                            {"nameCollisions", 0},
+                                            {"missingFolders", 0},
+                                            {"newFolders", 0},
+                                            {"typeDiffers", 0}}));
 
   // The library's serialised IOValidationAttributes: the key texts, sorted.
   EXPECT_EQ(json["validation"]["fileAttributes"],

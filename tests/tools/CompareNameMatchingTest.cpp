@@ -347,7 +347,7 @@ TEST_F(CompareNameMatching, JsonShowsBothNamesAndHowTheyDiffer) {
                                             {"checksumDiffers", 0},
                                             {"unreadable", 0},
                                             {"namesDiffer", 2},
-                                            {"nameCollisions", 0}}));
+                                            {"nameCollisions", 0}, {"missingFolders", 0}, {"newFolders", 0}, {"typeDiffers", 0}}));
 }
 
 TEST_F(CompareNameMatching, JsonReportsCollisionsWithTheirSide) {

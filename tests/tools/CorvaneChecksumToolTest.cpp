@@ -229,7 +229,7 @@ TEST(CorvaneChecksumTool, JsonDocumentListsAlgorithmsFilesChecksumsAndTotals) {
     }
   }
   EXPECT_EQ(parsed.at("totals"),
-            nlohmann::json({{"files", 2}, {"hashed", 2}, {"errors", 0}, {"bytes", 3}}));
+            nlohmann::json({{"files", 2}, {"hashed", 2}, {"errors", 0}, {"skipped", 0}, {"bytes", 3}}));
   // Pretty-printed with two spaces of indentation.
   EXPECT_EQ(run.out.rfind("{\n  \"", 0), 0u) << run.out;
 }
@@ -245,7 +245,7 @@ TEST(CorvaneChecksumTool, JsonOfOnlyFailedFilesHasOnlyErrorEntries) {
       {"algorithms", {"xxh64"}},
       {"files",
        nlohmann::json::array({{{"path", missing}, {"error", "No such file or directory"}}})},
-      {"totals", {{"files", 1}, {"hashed", 0}, {"errors", 1}, {"bytes", 0}}}};
+      {"totals", {{"files", 1}, {"hashed", 0}, {"errors", 1}, {"skipped", 0}, {"bytes", 0}}}};
   EXPECT_EQ(nlohmann::json::parse(run.out), expected) << run.out;
 }
 

@@ -1,0 +1,240 @@
+#include "corvane/FileSetHasher.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+
+#include "engine/DeviceReaderLimits.hpp"
+#include "engine/ItemHasher.hpp"
+
+namespace corvane {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Results that may wait for an earlier one, beyond the files in flight: bounds memory while
+// letting fast files run ahead of a slow one.
+constexpr std::size_t kWindowPerFileInFlight = 64;
+// The rate of a progress snapshot is measured over about this long.
+constexpr auto kRateSpan = std::chrono::seconds(3);
+
+unsigned processorCount() { return std::max(1U, std::thread::hardware_concurrency()); }
+
+}  // namespace
+
+// The shared state of one run: the input, the window of results in input order, the threads.
+//
+// Every thread of the run (the helpers and the caller inside next()) takes work the same way:
+// it fetches the next item from the input and hashes it. The caller, between results, takes
+// work too instead of sleeping, so a run of many small files costs no thread switch per file;
+// helpers wake it only when it waits.
+class FileSetRunState {
+ public:
+  FileSetRunState(const FileSetSettings& settings, FileSetInput input, std::stop_token external)
+      : settings_(settings),
+        input_(std::move(input)),
+        filesInFlight_(settings.filesInFlight != 0 ? settings.filesInFlight : processorCount()),
+        windowLimit_(std::size_t{filesInFlight_} * kWindowPerFileInFlight),
+        limits_(settings.readersPerDevice, filesInFlight_),
+        hasher_(settings_, limits_, counters_),
+        start_(Clock::now()) {
+    if (external.stop_possible()) {
+      externalStop_.emplace(std::move(external), [this] { requestStop(); });
+    }
+    helpers_.reserve(filesInFlight_ - 1);
+    for (unsigned i = 1; i < filesInFlight_; ++i) helpers_.emplace_back([this] { helperLoop(); });
+  }
+
+  ~FileSetRunState() {
+    requestStop();
+    for (std::thread& helper : helpers_) helper.join();
+  }
+
+  FileSetRunState(const FileSetRunState&) = delete;
+  FileSetRunState& operator=(const FileSetRunState&) = delete;
+
+  std::optional<FileSetResult> next() {
+    std::unique_lock lock(mutex_);
+    while (true) {
+      if (!window_.empty() && window_.front()) {
+        FileSetResult result = std::move(*window_.front());
+        window_.pop_front();
+        ++firstIndex_;
+        if (waitingHelpers_ != 0) changed_.notify_all();
+        return result;
+      }
+      if (window_.empty() && !fetching_ && (inputDone_ || stopSource_.stop_requested())) {
+        if (inputError_) std::rethrow_exception(std::exchange(inputError_, nullptr));
+        return std::nullopt;
+      }
+      if (canTakeLocked()) {
+        takeOneLocked(lock);
+        continue;
+      }
+      consumerWaiting_ = true;
+      changed_.wait(lock);
+      consumerWaiting_ = false;
+    }
+  }
+
+  FileSetProgress progress() const {
+    FileSetProgress snapshot;
+    snapshot.filesDone = filesDone_.load(std::memory_order_relaxed);
+    snapshot.bytesDone = counters_.bytesRead.load(std::memory_order_relaxed);
+    snapshot.filesTotal = filesSeen_.load(std::memory_order_relaxed);
+    snapshot.bytesTotal = counters_.bytesSeen.load(std::memory_order_relaxed);
+    snapshot.totalsKnown = totalsKnown_.load(std::memory_order_acquire);
+    const auto now = Clock::now();
+    snapshot.elapsedSeconds = std::chrono::duration<double>(now - start_).count();
+    const std::lock_guard lock(rateMutex_);
+    rateSamples_.push_back({now, snapshot.bytesDone});
+    while (rateSamples_.size() > 2 && now - rateSamples_[1].first >= kRateSpan) {
+      rateSamples_.pop_front();
+    }
+    const auto& [then, bytesThen] = rateSamples_.front();
+    const double span = std::chrono::duration<double>(now - then).count();
+    if (span > 0.05) {
+      snapshot.bytesPerSecond = double(snapshot.bytesDone - bytesThen) / span;
+    } else if (snapshot.elapsedSeconds > 0) {
+      snapshot.bytesPerSecond = double(snapshot.bytesDone) / snapshot.elapsedSeconds;
+    }
+    return snapshot;
+  }
+
+  void requestStop() {
+    stopSource_.request_stop();
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+  }
+
+  bool stopRequested() const { return stopSource_.stop_requested(); }
+
+ private:
+  bool canTakeLocked() const {
+    return !inputDone_ && !fetching_ && !stopSource_.stop_requested() &&
+           window_.size() < windowLimit_;
+  }
+
+  // Fetches the next item and hashes it, with the lock released meanwhile; the result takes its
+  // place in the window. Items are numbered in the order they were fetched.
+  void takeOneLocked(std::unique_lock<std::mutex>& lock) {
+    fetching_ = true;
+    lock.unlock();
+    std::optional<FileSetItem> item;
+    std::exception_ptr error;
+    try {
+      item = input_.next();
+    } catch (...) {
+      error = std::current_exception();
+    }
+    lock.lock();
+    fetching_ = false;
+    if (!item) {
+      inputDone_ = true;
+      totalsKnown_.store(true, std::memory_order_release);
+      if (error) inputError_ = error;
+      changed_.notify_all();
+      return;
+    }
+    const std::size_t index = firstIndex_ + window_.size();
+    window_.emplace_back();
+    filesSeen_.fetch_add(1, std::memory_order_relaxed);
+    if (item->entry.kind == WalkEntry::Kind::file) {
+      counters_.bytesSeen.fetch_add(item->entry.size, std::memory_order_relaxed);
+    }
+    if (waitingHelpers_ != 0) changed_.notify_all();  // the input is free again
+    lock.unlock();
+
+    FileSetResult result = hasher_.hash(std::move(*item), index, stopSource_.get_token());
+
+    lock.lock();
+    window_[index - firstIndex_] = std::move(result);
+    filesDone_.fetch_add(1, std::memory_order_relaxed);
+    if (consumerWaiting_) changed_.notify_all();
+  }
+
+  void helperLoop() {
+    std::unique_lock lock(mutex_);
+    while (!stopSource_.stop_requested() && !inputDone_) {
+      if (canTakeLocked()) {
+        takeOneLocked(lock);
+        continue;
+      }
+      ++waitingHelpers_;
+      changed_.wait(lock);
+      --waitingHelpers_;
+    }
+  }
+
+  const FileSetSettings settings_;  // a copy: a run may outlive its hasher
+  FileSetInput input_;
+  const unsigned filesInFlight_;
+  const std::size_t windowLimit_;
+  engine::RunCounters counters_;
+  engine::DeviceReaderLimits limits_;
+  engine::ItemHasher hasher_;
+  const Clock::time_point start_;
+
+  std::stop_source stopSource_;
+  std::optional<std::stop_callback<std::function<void()>>> externalStop_;
+
+  mutable std::mutex mutex_;  // guards everything below up to the atomics
+  std::condition_variable changed_;
+  std::deque<std::optional<FileSetResult>> window_;  // results from firstIndex_ on
+  std::size_t firstIndex_ = 0;
+  bool fetching_ = false;  // a thread is calling input_.next()
+  bool inputDone_ = false;
+  std::exception_ptr inputError_;
+  unsigned waitingHelpers_ = 0;
+  bool consumerWaiting_ = false;
+
+  std::atomic<std::uint64_t> filesDone_{0};
+  std::atomic<std::uint64_t> filesSeen_{0};
+  std::atomic<bool> totalsKnown_{false};
+  mutable std::mutex rateMutex_;
+  mutable std::deque<std::pair<Clock::time_point, std::uint64_t>> rateSamples_;
+
+  std::vector<std::thread> helpers_;  // last: started after everything above exists
+};
+
+FileSetRun::FileSetRun(std::shared_ptr<FileSetRunState> state) : state_(std::move(state)) {}
+FileSetRun::FileSetRun(FileSetRun&&) noexcept = default;
+FileSetRun& FileSetRun::operator=(FileSetRun&&) noexcept = default;
+FileSetRun::~FileSetRun() = default;
+
+std::optional<FileSetResult> FileSetRun::next() { return state_->next(); }
+FileSetProgress FileSetRun::progress() const { return state_->progress(); }
+void FileSetRun::requestStop() { state_->requestStop(); }
+bool FileSetRun::stopRequested() const { return state_->stopRequested(); }
+
+FileSetHasher::FileSetHasher(FileSetSettings settings) : settings_(std::move(settings)) {}
+
+FileSetRun FileSetHasher::start(FileSetInput input, std::stop_token stop) const {
+  return FileSetRun(
+      std::make_shared<FileSetRunState>(settings_, std::move(input), std::move(stop)));
+}
+
+FileSetSummary FileSetHasher::run(FileSetInput input,
+                                  const std::function<void(FileSetResult&&)>& deliver,
+                                  std::stop_token stop) const {
+  FileSetRun run = start(std::move(input), std::move(stop));
+  FileSetSummary summary;
+  while (std::optional<FileSetResult> result = run.next()) {
+    ++summary.results;
+    if (result->ok()) {
+      ++summary.hashed;
+    } else if (result->error && result->error.kind != FileErrorKind::notRegularFile) {
+      ++summary.failed;
+    }
+    summary.bytes += result->size.value_or(0);
+    deliver(std::move(*result));  // an exception ends the run: FileSetRun stops and joins
+  }
+  summary.stopped = run.stopRequested();
+  return summary;
+}
+
+}  // namespace corvane
