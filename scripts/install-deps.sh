@@ -14,6 +14,7 @@ packages=(
   libutf8proc-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgmp-dev
+  time bc
   libprotobuf-dev protobuf-compiler
 )
 

@@ -188,7 +188,7 @@ class ListStream {
         continue;
       }
       ++lineNumber_;
-      ParsedChecksumLine parsed = parseChecksumLine(text, context_);
+      ParsedChecksumLine parsed = parseChecksumLine(text, context_, &gnuLineForm_);
       if (std::holds_alternative<IgnoredLine>(parsed)) continue;
       ++lines;
       ListEvent& line = block.emplace_back();
@@ -246,6 +246,8 @@ class ListStream {
   std::size_t currentList_ = 0;
   std::optional<LineReader> reader_;
   GnuLineContext context_;
+  // Settled by the first GNU line of the run and kept across lists, as sha256sum -c does.
+  GnuLineForm gnuLineForm_ = GnuLineForm::kUndecided;
   std::size_t lineNumber_ = 0;
   std::vector<FileJob> jobs_;  // of the current block
   std::size_t jobsTaken_ = 0;
@@ -569,8 +571,11 @@ CLI::App* addCheckCommand(CLI::App& app, CheckOptions& options) {
       ->type_name("");
   addCommonOptions(*check, options.common);
   check->footer(
-      "Lines: '<checksum>  <path>', '<checksum> *<path>' or '<TAG> (<path>) = <checksum>', "
-      "escaped when they start with '\\'; '#' comments and empty lines are ignored. The "
+      "Lines: '<checksum>  <path>', '<checksum> *<path>', '<checksum> <path>' or "
+      "'<checksum><TAB><path>' (leading blanks skipped; the first GNU line of a run settles "
+      "which of the two-character and one-character separators the run uses, as in "
+      "sha256sum -c) or '<TAG> (<path>) = <checksum>', escaped when they start with '\\'; "
+      "'#' comments and empty lines are ignored. The "
       "algorithm of an untagged line comes from -a, else from the list's name ending in .md5, "
       ".xxh128, .xxh3 or .xxh64 (when the length fits), else from the length: 32 hex digits are "
       "MD5 or XXH128, 16 are XXH64 or XXH3, and the line is OK when either matches.\n"

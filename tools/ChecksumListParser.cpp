@@ -63,13 +63,6 @@ std::vector<const AlgorithmName*> candidatesOf(std::string_view text) {
   return candidates;
 }
 
-const AlgorithmName* findTag(std::string_view tag) {
-  for (const AlgorithmName& algorithm : knownAlgorithms()) {
-    if (algorithm.tag == tag) return &algorithm;
-  }
-  return nullptr;
-}
-
 std::string normalizedChecksum(const AlgorithmName& algorithm, std::string_view text) {
   std::string checksum(text);
   if (algorithm.type != ChecksumTypeC4) {

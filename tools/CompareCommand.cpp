@@ -508,7 +508,10 @@ int runCompareCommand(const CompareOptions& options, std::ostream& out, std::ost
     for (const WalkItem* item : {entry.source, entry.destination}) {
       if (item == nullptr) continue;
       if (item->kind == WalkItem::Kind::kError) reporter.error(item->path, item->message);
-      if (item->kind == WalkItem::Kind::kNotice) reporter.notice(item->path, item->message);
+      if (item->kind == WalkItem::Kind::kNotice) {
+        reporter.skipped();
+        reporter.notice(item->path, item->message);
+      }
     }
     for (const auto& result : {comparison.source, comparison.destination}) {
       if (result && result->error) reporter.error(result->entry.path, result->error.message);

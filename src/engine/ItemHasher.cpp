@@ -123,6 +123,8 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   FileSetResult result;
   result.index = index;
   result.entry = item.entry;
+  // Until the file is read, its size is the one the walk saw (named paths have none).
+  if (item.regularOnly) result.size = item.entry.size;
   if (stop.stop_requested()) {
     result.error = stoppedError();
     return result;

@@ -540,7 +540,9 @@ TEST(FileSetHasherConcurrency, DefaultReadersFollowTheDeviceOfTheFiles) {
   const unsigned limit = suggested != 0 ? suggested : 8;
   const unsigned most = mostConcurrentReads(scratch.path().string(), 0);
   EXPECT_LE(most, limit);
-  if (limit > 1) EXPECT_GT(most, 1U);
+  if (limit > 1) {
+    EXPECT_GT(most, 1U);
+  }
 }
 
 TEST(FileSetHasherConcurrency, DefaultReadersOnTmpfsAreTheFilesInFlight) {

@@ -58,6 +58,13 @@ const std::vector<ChecksumType> kEveryAlgorithm = {
     ChecksumTypeSHA512,     ChecksumTypeCRC32,       ChecksumTypeXXHash64,
     ChecksumTypeXXHashH364, ChecksumTypeXXHashH3128, ChecksumTypeC4};
 
+// "<prefix><number>", for file names.
+std::string numbered(const char* prefix, std::uint64_t number) {
+  std::string name(prefix);
+  name += std::to_string(number);
+  return name;
+}
+
 Bytes contentOf(std::size_t size, std::uint64_t seed) {
   const std::string text = testsupport::pseudoRandomBytes(size, seed);
   return Bytes(text.begin(), text.end());
@@ -114,7 +121,7 @@ std::vector<std::string> writeChunkBoundaryFiles(const ScratchDirectory& scratch
   const std::vector<std::size_t> sizes = {0, 1, chunk - 1, chunk, chunk + 1, 3 * chunk + 4321};
   std::vector<std::string> paths;
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    paths.push_back(scratch.writeFile("size-" + std::to_string(sizes[i]), contentOf(sizes[i], i)));
+    paths.push_back(scratch.writeFile(numbered("size-", sizes[i]), contentOf(sizes[i], i)));
   }
   return paths;
 }
@@ -257,7 +264,7 @@ TEST(FileSetHasher, BypassingTheCacheGivesTheSameChecksums) {
   ScratchDirectory scratch;
   std::vector<std::string> paths = writeChunkBoundaryFiles(scratch, kChunk);
   for (const std::size_t size : {4095, 4096, 4097, 3 * 4096, 10000 + 4096 * 5}) {
-    paths.push_back(scratch.writeFile("aligned-" + std::to_string(size), contentOf(size, size)));
+    paths.push_back(scratch.writeFile(numbered("aligned-", size), contentOf(size, size)));
   }
   for (const std::size_t chunk : {std::size_t{0}, std::size_t{10000}}) {
     SCOPED_TRACE("chunk size " + std::to_string(chunk));
@@ -475,7 +482,8 @@ TEST(FileSetHasherInput, GeneratorItemsAreDeliveredInTheirOrder) {
   ScratchDirectory scratch;
   std::vector<std::string> paths;
   for (int i = 0; i < 20; ++i) {
-    paths.push_back(scratch.writeFile("f" + std::to_string(i), contentOf(1000 * i, i)));
+    paths.push_back(
+        scratch.writeFile(numbered("f", static_cast<std::uint64_t>(i)), contentOf(1000 * i, i)));
   }
   std::size_t calls = 0;
   FileSetInput input = FileSetInput::generator([&paths, &calls]() -> std::optional<FileSetItem> {
@@ -901,7 +909,8 @@ TEST(FileSetHasher, ReadObserverSeesEveryBytePairedPerFile) {
   const std::vector<std::size_t> fileSizes = {
       0, 1, 4096, 100000, kChunk, kChunk + 1, 5 * kChunk / 2, 7, 300000, 0};
   for (std::size_t i = 0; i < fileSizes.size(); ++i) {
-    paths.push_back(scratch.writeFile("f" + std::to_string(i), contentOf(fileSizes[i], i)));
+    paths.push_back(scratch.writeFile(numbered("f", static_cast<std::uint64_t>(i)),
+                                      contentOf(fileSizes[i], i)));
     sizes[paths.back()] = fileSizes[i];
     total += fileSizes[i];
   }
@@ -985,7 +994,7 @@ TEST(FileSetHasherSinks, EverySinkSeesExactlyItsFileBytes) {
                                               70000, kChunk + 3};
   for (std::size_t i = 0; i < fileSizes.size(); ++i) {
     const Bytes content = contentOf(fileSizes[i], 100 + i);
-    paths.push_back(scratch.writeFile("f" + std::to_string(i), content));
+    paths.push_back(scratch.writeFile(numbered("f", static_cast<std::uint64_t>(i)), content));
     contents[paths.back()] = content;
   }
   std::mutex mutex;
@@ -1121,7 +1130,8 @@ TEST(FileSetHasherStop, DeliverExceptionIsRethrownAfterTheRunEnded) {
   ScratchDirectory scratch;
   std::vector<std::string> paths;
   for (int i = 0; i < 50; ++i) {
-    paths.push_back(scratch.writeFile("f" + std::to_string(i), contentOf(20000, i)));
+    paths.push_back(
+        scratch.writeFile(numbered("f", static_cast<std::uint64_t>(i)), contentOf(20000, i)));
   }
   const std::size_t baseline = threadsOutsideThePool();
   FileSetSettings settings;
@@ -1142,7 +1152,8 @@ TEST(FileSetHasherStop, StopRequestedBeforeTheRunDeliversNothing) {
   ScratchDirectory scratch;
   std::vector<std::string> paths;
   for (int i = 0; i < 10; ++i) {
-    paths.push_back(scratch.writeFile("f" + std::to_string(i), contentOf(1000, i)));
+    paths.push_back(
+        scratch.writeFile(numbered("f", static_cast<std::uint64_t>(i)), contentOf(1000, i)));
   }
   std::stop_source source;
   source.request_stop();
