@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "NameEscaping.hpp"
+
 namespace corvane::tool {
 namespace {
 
@@ -40,12 +42,6 @@ constexpr auto kComposeOptions = static_cast<utf8proc_option_t>(UTF8PROC_STABLE 
 constexpr auto kFoldOptions = static_cast<utf8proc_option_t>(UTF8PROC_CASEFOLD);
 constexpr auto kFoldAndComposeOptions =
     static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_CASEFOLD);
-
-void appendHex(std::string& out, std::uint32_t value, int digits) {
-  static constexpr char kHexDigits[] = "0123456789abcdef";
-  for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
-    out += kHexDigits[(value >> shift) & 15];
-}
 
 }  // namespace
 
@@ -111,15 +107,10 @@ std::string_view nameDifferenceName(NameDifference difference) {
 std::string visibleName(std::string_view name) {
   std::string visible;
   visible.reserve(name.size() + 8);
-  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(name.data());
-  auto left = static_cast<utf8proc_ssize_t>(name.size());
-  while (left > 0) {
-    utf8proc_int32_t codePoint = 0;
-    utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &codePoint);
-    if (length <= 0) {
+  forEachCodePoint(name, [&visible](std::int32_t codePoint, std::string_view bytes) {
+    if (codePoint < 0) {
       visible += "\\x";
-      appendHex(visible, *bytes, 2);
-      length = 1;
+      appendHex(visible, static_cast<unsigned char>(bytes.front()), 2);
     } else if (codePoint == '\\') {
       visible += "\\\\";
     } else if (codePoint == '\t') {
@@ -140,9 +131,7 @@ std::string visibleName(std::string_view name) {
       visible += "\\U";
       appendHex(visible, static_cast<std::uint32_t>(codePoint), 8);
     }
-    bytes += length;
-    left -= length;
-  }
+  });
   return visible;
 }
 

@@ -1,7 +1,5 @@
 #include "OutputFormat.hpp"
 
-#include <utf8proc.h>
-
 #include <cstdio>
 #include <ctime>
 
@@ -41,55 +39,26 @@ std::string formatUtcTime(const FileTime& time) {
   return text;
 }
 
-bool isValidUtf8(std::string_view text) {
-  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-  auto left = static_cast<utf8proc_ssize_t>(text.size());
-  while (left > 0) {
-    utf8proc_int32_t codePoint = 0;
-    const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &codePoint);
-    if (length <= 0) return false;
-    bytes += length;
-    left -= length;
-  }
-  return true;
-}
-
 void putName(nlohmann::ordered_json& object, std::string_view key, const std::string& name) {
   const std::string field(key);
   if (isValidUtf8(name)) {
     object[field] = name;
     return;
   }
-  static constexpr char kHexDigits[] = "0123456789abcdef";
   std::string readable;
   std::string hex;
   hex.reserve(2 * name.size());
-  for (const char c : name) {
-    const auto byte = static_cast<unsigned char>(c);
-    hex += kHexDigits[byte >> 4];
-    hex += kHexDigits[byte & 15];
-  }
-  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(name.data());
-  auto left = static_cast<utf8proc_ssize_t>(name.size());
-  while (left > 0) {
-    utf8proc_int32_t codePoint = 0;
-    const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &codePoint);
-    if (length <= 0) {
+  for (const char c : name) appendHex(hex, static_cast<unsigned char>(c), 2);
+  forEachCodePoint(name, [&readable](std::int32_t codePoint, std::string_view bytes) {
+    if (codePoint < 0) {
       readable += "\\x";
-      readable += kHexDigits[*bytes >> 4];
-      readable += kHexDigits[*bytes & 15];
-      ++bytes;
-      --left;
-      continue;
-    }
-    if (*bytes == '\\') {
+      appendHex(readable, static_cast<unsigned char>(bytes.front()), 2);
+    } else if (codePoint == '\\') {
       readable += "\\\\";
     } else {
-      readable.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+      readable += bytes;
     }
-    bytes += length;
-    left -= length;
-  }
+  });
   object[field] = std::move(readable);
   object[field + "Hex"] = std::move(hex);
 }

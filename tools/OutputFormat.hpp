@@ -49,9 +49,6 @@ std::string dumpJson(const nlohmann::ordered_json& document, int indent = 2);
 // into one and the file can be found again from the report.
 void putName(nlohmann::ordered_json& object, std::string_view key, const std::string& name);
 
-// Whether `text` is valid UTF-8 (no overlong forms, surrogates or code points past U+10FFFF).
-bool isValidUtf8(std::string_view text);
-
 // The JSON document of `hash --json`:
 // {"algorithms": [...], "files": [{"path", "size", "modified", "checksums": {...}},
 //  {"path", "error"} or {"path", "skipped"}], "totals": {"files", "hashed", "errors", "skipped",
