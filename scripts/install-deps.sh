@@ -16,6 +16,7 @@ packages=(
   libgmp-dev
   time bc
   libprotobuf-dev protobuf-compiler
+  libxml2-dev libxml2-utils
 )
 
 missing=()

@@ -1,0 +1,336 @@
+// createMhlGeneration: hash the scope, check what the history recorded, append a generation.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "corvane/MhlDirectoryHash.hpp"
+#include "corvane/MhlHashFormat.hpp"
+#include "corvane/MhlIgnorePatterns.hpp"
+#include "corvane/Version.hpp"
+#include "mhl/MhlHistorySupport.hpp"
+#include "util/DurableFile.hpp"
+
+namespace corvane {
+namespace {
+
+using mhl::problem;
+
+// The manifest written for one history: its path and the C4 ID of its bytes (for the parent's
+// reference).
+struct Written {
+  std::string fileName;
+  std::string c4;
+};
+
+std::string hostName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "localhost";
+  return name;
+}
+
+// The ASC MHL formats in the order files are hashed with: those asked for, then those the file
+// was recorded with (so that it can be verified).
+std::vector<ChecksumType> formatsFor(const std::vector<ChecksumType>& asked,
+                                     const MhlFileRecord* record) {
+  std::vector<ChecksumType> formats = asked;
+  if (record != nullptr) {
+    for (const auto& [raw, value] : record->usableHashes) {
+      const ChecksumType type(raw);
+      if (std::find(formats.begin(), formats.end(), type) == formats.end()) {
+        formats.push_back(type);
+      }
+    }
+  }
+  return formats;
+}
+
+// Whether `path` (relative) lies in the folder `folder` (relative, "" = the top) or below it.
+bool inside(const std::string& path, const std::string& folder) {
+  return folder.empty() ||
+         (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+class GenerationMaker {
+ public:
+  GenerationMaker(const MhlCreateOptions& options, std::stop_token stop, MhlReport& report)
+      : options_(options), stop_(std::move(stop)), report_(report) {}
+
+  // Appends a generation to the history of `root` (and first to its nested histories);
+  // `historyPath` is `root` relative to the top root ("" for the top).
+  std::optional<Written> make(const std::string& root, const std::string& historyPath,
+                              const MhlHistory& history) {
+    const std::string folder = mhl::historyFolder(root);
+    if (!writable(root, folder)) return std::nullopt;
+    const auto started = std::chrono::system_clock::now();
+
+    std::vector<MhlHashListReference> references;
+    for (const MhlHistory& child : history.children) {
+      const std::string childPath = relativeTo(child.root, root);
+      const std::string childHistoryPath =
+          historyPath.empty() ? childPath : historyPath + "/" + childPath;
+      if (std::optional<Written> written = make(child.root, childHistoryPath, child)) {
+        MhlHashListReference reference;
+        reference.path =
+            joinPath(joinPath(childPath, std::string(kMhlHistoryFolderName)), written->fileName);
+        reference.c4.value = written->c4;
+        references.push_back(std::move(reference));
+      }
+      if (stop_.stop_requested()) return std::nullopt;
+    }
+
+    const std::vector<std::string> patterns =
+        MhlIgnorePatterns::mergePatterns(history.ignorePatterns(), options_.ignorePatterns);
+    const mhl::ScopeWalk scope = mhl::walkScope(root, patterns);
+    const std::map<std::string, MhlFileRecord> records = mhlFileRecords(history);
+
+    MhlManifest manifest;
+    manifest.creatorInfo.creationDate = MhlDateTime::fromTimePoint(started);
+    manifest.creatorInfo.hostName = hostName();
+    manifest.creatorInfo.tool = {"CorvaneSecurity", std::string(CorvaneSecurityVersionString)};
+    manifest.creatorInfo.authors = options_.authors;
+    manifest.creatorInfo.location = options_.location;
+    manifest.creatorInfo.comment = options_.comment;
+    manifest.processInfo.process = options_.process;
+    manifest.processInfo.ignorePatterns = patterns;
+    manifest.references = std::move(references);
+
+    for (const WalkEntry& entry : scope.problems) {
+      report(historyPath, entry.relativePath, MhlFileOutcome::unreadable, entry.reason(), {});
+    }
+    MhlDirectoryTree tree;
+    std::vector<std::string> unreadableFiles;
+    std::set<std::string> seen;
+    hashFiles(scope, records, historyPath, manifest, tree, unreadableFiles, seen);
+    if (stop_.stop_requested()) {
+      report_.stopped = true;
+      return std::nullopt;
+    }
+    for (const auto& [path, record] : records) {
+      if (seen.contains(path) || MhlIgnorePatterns(patterns).ignores(path, false)) continue;
+      report(historyPath, path, MhlFileOutcome::missing, "", {});
+    }
+    if (options_.directoryHashes) {
+      addDirectoryHashes(scope, tree, unreadableFiles, manifest);
+    }
+    return write(root, historyPath, history, started, manifest);
+  }
+
+ private:
+  bool writable(const std::string& root, const std::string& folder) {
+    struct stat status {};
+    const bool exists = ::stat(folder.c_str(), &status) == 0;
+    const std::string& target = exists ? folder : root;
+    if (::access(target.c_str(), W_OK) != 0) {
+      report_.problems.push_back(
+          problem(MhlErrorKind::unreadable, target,
+                  std::string("cannot write the history: ") + std::strerror(errno), errno));
+      return false;
+    }
+    if (exists) detail::removeStaleTemporaries(folder);
+    return true;
+  }
+
+  static std::string relativeTo(const std::string& path, const std::string& root) {
+    const std::string prefix = root.back() == '/' ? root : root + "/";
+    return path.starts_with(prefix) ? path.substr(prefix.size()) : path;
+  }
+
+  void report(const std::string& historyPath, const std::string& path, MhlFileOutcome outcome,
+              std::string detail, ChecksumLookup checksums) {
+    MhlFileReport file{path, historyPath, outcome, std::move(detail), std::move(checksums)};
+    if (options_.onFile) options_.onFile(file);
+    report_.files.push_back(std::move(file));
+  }
+
+  void hashFiles(const mhl::ScopeWalk& scope, const std::map<std::string, MhlFileRecord>& records,
+                 const std::string& historyPath, MhlManifest& manifest, MhlDirectoryTree& tree,
+                 std::vector<std::string>& unreadableFiles, std::set<std::string>& seen) {
+    FileSetSettings settings = options_.engine;
+    settings.algorithms = options_.formats;
+    const FileSetHasher hasher(settings);
+    std::size_t next = 0;
+    hasher.run(
+        FileSetInput::generator([&]() -> std::optional<FileSetItem> {
+          if (next >= scope.files.size()) return std::nullopt;
+          const WalkEntry& entry = scope.files[next++];
+          FileSetItem item;
+          item.entry = entry;
+          item.regularOnly = true;
+          const auto record = records.find(entry.relativePath);
+          item.algorithms =
+              formatsFor(options_.formats, record == records.end() ? nullptr : &record->second);
+          return item;
+        }),
+        [&](FileSetResult&& result) {
+          const std::string& path = result.entry.relativePath;
+          seen.insert(path);
+          if (!result.ok()) {
+            unreadableFiles.push_back(path);
+            report(historyPath, path, MhlFileOutcome::unreadable, result.error.message, {});
+            return;
+          }
+          const auto record = records.find(path);
+          MhlHashEntry entry;
+          entry.path = path;
+          entry.size = result.size;
+          if (result.modified) entry.lastModificationDate = mhl::dateTimeOf(*result.modified);
+          MhlFileOutcome outcome = MhlFileOutcome::original;
+          std::string detail;
+          for (const auto& [type, value] : result.checksums) {
+            MhlHash hash;
+            hash.format = mhl::formatNameOf(type);
+            hash.value = value;
+            hash.action = MhlHashAction::original;
+            if (record != records.end()) {
+              const auto recorded = record->second.usableHashes.find(type.rawValue());
+              if (recorded != record->second.usableHashes.end()) {
+                if (recorded->second == value) {
+                  hash.action = MhlHashAction::verified;
+                  if (outcome == MhlFileOutcome::original) outcome = MhlFileOutcome::verified;
+                } else {
+                  hash.action = MhlHashAction::failed;
+                  outcome = MhlFileOutcome::failed;
+                  detail = hash.format + " " + recorded->second + " != " + value;
+                }
+              }
+            }
+            if (std::find(options_.formats.begin(), options_.formats.end(), type) !=
+                options_.formats.end()) {
+              tree.addFile(path, type, value);
+            }
+            entry.hashes.push_back(std::move(hash));
+          }
+          manifest.hashes.push_back(std::move(entry));
+          report(historyPath, path, outcome, std::move(detail), result.checksums);
+        },
+        stop_);
+  }
+
+  void addDirectoryHashes(const mhl::ScopeWalk& scope, MhlDirectoryTree& tree,
+                          const std::vector<std::string>& unreadableFiles, MhlManifest& manifest) {
+    for (const WalkEntry& folder : scope.folders) tree.addFolder(folder.relativePath);
+    for (MhlFolderHashes& folder : computeMhlDirectoryHashes(tree, options_.formats)) {
+      // A folder holding a file that could not be read has no honest directory hash.
+      if (std::any_of(
+              unreadableFiles.begin(), unreadableFiles.end(),
+              [&folder](const std::string& path) { return inside(path, folder.relativePath); })) {
+        continue;
+      }
+      if (folder.hashes.empty()) continue;
+      std::vector<MhlHash> content;
+      std::vector<MhlHash> structure;
+      for (const MhlDirectoryHashPair& pair : folder.hashes) {
+        const std::string format = mhl::formatNameOf(pair.format);
+        content.push_back({format, pair.content, std::nullopt, std::nullopt, std::nullopt});
+        structure.push_back({format, pair.structure, std::nullopt, std::nullopt, std::nullopt});
+      }
+      if (folder.relativePath.empty()) {
+        manifest.processInfo.rootHash = MhlRootHash{std::move(content), std::move(structure)};
+        continue;
+      }
+      MhlDirectoryHashEntry entry;
+      entry.path = folder.relativePath;
+      entry.content = std::move(content);
+      entry.structure = std::move(structure);
+      manifest.directoryHashes.push_back(std::move(entry));
+    }
+  }
+
+  // The manifest first (never replacing one), then the chain: a crash between the two leaves a
+  // manifest the chain does not list, which no reader looks at.
+  std::optional<Written> write(const std::string& root, const std::string& historyPath,
+                               const MhlHistory& history,
+                               std::chrono::system_clock::time_point started,
+                               const MhlManifest& manifest) {
+    const std::string folder = mhl::historyFolder(root);
+    if (::mkdir(folder.c_str(), 0755) == 0) {
+      detail::syncFolder(root);
+    } else if (errno != EEXIST) {
+      report_.problems.push_back(
+          problem(MhlErrorKind::unreadable, folder, std::strerror(errno), errno));
+      return std::nullopt;
+    }
+    MhlResult<std::string> bytes = writeMhlManifest(manifest);
+    if (!bytes) {
+      report_.problems.push_back(bytes.error());
+      return std::nullopt;
+    }
+    const std::uint64_t sequence = mhl::lastSequence(history) + 1;
+    Written written{mhlManifestFileName(sequence, mhl::scopeFolderName(root), started),
+                    mhl::c4IdOf(*bytes)};
+    const std::string manifestPath = joinPath(folder, written.fileName);
+    if (const auto error =
+            detail::writeFileDurably(manifestPath, *bytes, detail::ReplacePolicy::neverReplace)) {
+      report_.problems.push_back(problem(MhlErrorKind::unreadable, manifestPath,
+                                         "cannot write the manifest: " + error.message,
+                                         error.code));
+      return std::nullopt;
+    }
+    MhlChain chain;
+    for (const MhlGeneration& generation : history.generations) {
+      MhlChainEntry entry;
+      entry.sequenceNumber = generation.sequence;
+      entry.path = generation.fileName;
+      // The C4 IDs were checked against the files when the history was read.
+      entry.c4.value = generation.c4;
+      chain.entries.push_back(std::move(entry));
+    }
+    MhlChainEntry entry;
+    entry.sequenceNumber = sequence;
+    entry.path = written.fileName;
+    entry.c4.value = written.c4;
+    chain.entries.push_back(std::move(entry));
+    MhlResult<std::string> chainBytes = writeMhlChain(chain);
+    const std::string chainPath = joinPath(folder, std::string(kMhlChainFileName));
+    if (!chainBytes) {
+      report_.problems.push_back(chainBytes.error());
+      return std::nullopt;
+    }
+    if (const auto error =
+            detail::writeFileDurably(chainPath, *chainBytes, detail::ReplacePolicy::replace)) {
+      report_.problems.push_back(problem(MhlErrorKind::unreadable, chainPath,
+                                         "cannot write the chain: " + error.message, error.code));
+      return std::nullopt;
+    }
+    report_.manifestsWritten.push_back(
+        joinPath(joinPath(historyPath, std::string(kMhlHistoryFolderName)), written.fileName));
+    return written;
+  }
+
+  const MhlCreateOptions& options_;
+  std::stop_token stop_;
+  MhlReport& report_;
+};
+
+}  // namespace
+
+MhlReport createMhlGeneration(const std::string& root, const MhlCreateOptions& options,
+                              std::stop_token stop) {
+  MhlReport report;
+  for (const ChecksumType type : options.formats) {
+    const auto checked = checkMhlFormat(type);
+    if (const auto* refusal = std::get_if<MhlFormatRefusal>(&checked)) {
+      report.problems.push_back(mhl::problem(MhlErrorKind::invalidContent, "", refusal->message));
+      return report;
+    }
+  }
+  if (options.formats.empty()) {
+    report.problems.push_back(mhl::problem(MhlErrorKind::invalidContent, "", "no hash format"));
+    return report;
+  }
+  std::vector<MhlError> problems;
+  const MhlHistory history = mhl::loadHistory(root, problems);
+  if (!problems.empty()) {
+    // Appending to a history that does not verify would hide what broke it.
+    report.problems = std::move(problems);
+    return report;
+  }
+  GenerationMaker(options, std::move(stop), report).make(root, "", history);
+  return report;
+}
+
+}  // namespace corvane
