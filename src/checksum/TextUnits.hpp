@@ -8,7 +8,8 @@
 namespace corvane::detail {
 
 // Calls visit(codePoint, wellFormed) for each code point of UTF-8 `text`, in order. A byte that
-// does not start a well-formed sequence is reported alone as (that byte's value, false).
+// does not start a well-formed sequence (overlong forms, surrogates and values past U+10FFFF are
+// not well formed) is reported alone as (that byte's value, false).
 template <typename Visit>
 void forEachCodePoint(const std::string& text, Visit visit) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
@@ -36,6 +37,13 @@ void forEachCodePoint(const std::string& text, Visit visit) {
       const unsigned char next = bytes[i + k];
       if ((next & 0xC0) != 0x80) wellFormed = false;
       codePoint = (codePoint << 6) | (next & 0x3F);
+    }
+    // Overlong forms, encoded surrogates and values past U+10FFFF are not UTF-8: without this a
+    // text that is not UTF-8 could spell checksum digits ("\xC0\xB1" for "1").
+    static constexpr char32_t kSmallestOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (wellFormed && (codePoint < kSmallestOfLength[length] || codePoint > 0x10FFFF ||
+                       (codePoint >= 0xD800 && codePoint <= 0xDFFF))) {
+      wellFormed = false;
     }
     if (!wellFormed) {
       visit(char32_t{lead}, false);

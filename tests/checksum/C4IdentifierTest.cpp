@@ -422,6 +422,13 @@ TEST(CorvaneC4DataUtility, SmallNumbersGiveOneWord) {
             Bytes({0x00, 0x00, 0x00, 0x3a}));
 }
 
+TEST(CorvaneC4DataUtility, OverlongUtf8DigitIsNoDigit) {
+  // A valid ID with its first digit "1" written as the overlong "\xC0\xB1": 91 bytes that are 91
+  // units of their own, so the text is not a C4 ID.
+  const std::string id = "c4\xC0\xB1" + std::string(87, '1');
+  EXPECT_FALSE(CorvaneC4DataUtility::convertC4ChecksumToData(id, true).has_value());
+}
+
 TEST(CorvaneC4DataUtility, LargestIdGivesSeventeenWords) {
   // 88 digits "z" stand for 58^88 - 1, above 2^512: 17 words.
   const std::string id = "c4" + std::string(88, 'z');

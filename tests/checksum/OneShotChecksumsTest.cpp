@@ -326,6 +326,15 @@ TEST(OneShotHexString, EmptyTextGivesAnEmptyBuffer) {
   EXPECT_TRUE(Factory::dataFromHexString("", false).empty());
 }
 
+TEST(OneShotHexString, OverlongUtf8NeverSpellsADigit) {
+  // "\xC0\xB1" is an overlong form of "1": not UTF-8, so its two bytes are two units of their own
+  // (0xC0 and 0xB1), neither a hex digit; each pair reads as 0, as strtol reads "zz".
+  EXPECT_EQ(Factory::dataFromHexString("\xC0\xB1\xC0\xB1", false), Bytes({0x00, 0x00}));
+  // The same for an encoded surrogate and a value past U+10FFFF.
+  EXPECT_EQ(Factory::dataFromHexString("\xED\xA0\x80", false).size(), 2u);
+  EXPECT_EQ(Factory::dataFromHexString("\xF4\x90\x80\x80", false).size(), 2u);
+}
+
 TEST(OneShotHexString, InvalidCharactersReadAsStrtolReadsThem) {
   // Each pair is read like strtol(pair, nullptr, 16) and keeps its low 8 bits.
   const std::vector<std::pair<std::string, std::uint8_t>> pairs{
