@@ -40,23 +40,37 @@ constexpr std::size_t kMaximumPooledBuffers = 64;
 constexpr std::size_t kKeptBufferCapacity = std::max(kDefaultChunkSize, std::size_t{1} << 20);
 constexpr std::size_t kKeptBytesPerThread = std::size_t{8} << 20;
 
+// A pooled buffer. A chunk handed out is a SharedBytes of `bytes` whose deleter, run by the last
+// holder, clears `lent` with release order; the reader refills the buffer only after seeing it
+// clear with acquire order, so the holders' last reads happen before the next write. (A
+// use_count() of 1 would tell the same, but it is a relaxed load and would need a fence, which
+// ThreadSanitizer cannot follow.)
+struct Slot {
+  Bytes bytes;
+  std::atomic<bool> lent = false;
+  bool free() const { return !lent.load(std::memory_order_acquire); }
+};
+
 struct KeptBuffers {
-  std::vector<std::shared_ptr<Bytes>> buffers;
+  std::vector<std::shared_ptr<Slot>> slots;
   std::size_t bytes = 0;
 };
 thread_local KeptBuffers keptBuffers;
 
-// use_count() is a relaxed load; once it shows that every consumer has released a buffer, this
-// fence orders their last reads of it before our next write into it.
-bool releasedByEveryConsumer(const std::shared_ptr<Bytes>& buffer) {
-  if (buffer.use_count() != 1) return false;
-  std::atomic_thread_fence(std::memory_order_acquire);
-  return true;
+SharedBytes lend(const std::shared_ptr<Slot>& slot) {
+  slot->lent.store(true, std::memory_order_relaxed);
+  return SharedBytes(&slot->bytes,
+                     [slot](const Bytes*) { slot->lent.store(false, std::memory_order_release); });
 }
+
+// How often a wait on a stream looks at the stop token.
+constexpr int kStopPollMilliseconds = 50;
 
 FileError systemError(FileErrorKind kind, int code) {
   return FileError{kind, code, std::strerror(code)};
 }
+
+FileError stoppedError() { return FileError{FileErrorKind::stopped, ECANCELED, "stopped"}; }
 
 // File systems whose files report a size that is not their content (0 or one page for every
 // file): procfs, sysfs and their kin. Their files are read to their end like any other, but the
@@ -113,7 +127,7 @@ struct FileReader::State {
   std::size_t directChunk = 0;  // chunk size rounded down to the alignment
   std::unique_ptr<std::uint8_t, FreeDeleter> staging;
 
-  std::vector<std::shared_ptr<Bytes>> buffers;
+  std::vector<std::shared_ptr<Slot>> buffers;
   std::array<std::uint8_t, kProbeLength> probe{};
 
   ~State() {
@@ -122,14 +136,14 @@ struct FileReader::State {
   }
 
   void keepFreeBuffers() {
-    for (std::shared_ptr<Bytes>& buffer : buffers) {
-      if (!releasedByEveryConsumer(buffer)) continue;
-      const std::size_t capacity = buffer->capacity();
+    for (std::shared_ptr<Slot>& slot : buffers) {
+      if (!slot->free()) continue;  // its last holder frees it
+      const std::size_t capacity = slot->bytes.capacity();
       if (capacity > kKeptBufferCapacity || keptBuffers.bytes + capacity > kKeptBytesPerThread) {
         continue;
       }
       keptBuffers.bytes += capacity;
-      keptBuffers.buffers.push_back(std::move(buffer));
+      keptBuffers.slots.push_back(std::move(slot));
     }
     buffers.clear();
   }
@@ -145,20 +159,20 @@ struct FileReader::State {
   }
 
   // A buffer nobody else holds: one of ours, one the thread kept, or a new one.
-  std::shared_ptr<Bytes> acquireBuffer() {
-    for (const std::shared_ptr<Bytes>& buffer : buffers) {
-      if (releasedByEveryConsumer(buffer)) return buffer;
+  std::shared_ptr<Slot> acquireBuffer() {
+    for (const std::shared_ptr<Slot>& slot : buffers) {
+      if (slot->free()) return slot;
     }
-    std::shared_ptr<Bytes> buffer;
-    if (!keptBuffers.buffers.empty()) {
-      buffer = std::move(keptBuffers.buffers.back());
-      keptBuffers.buffers.pop_back();
-      keptBuffers.bytes -= buffer->capacity();
+    std::shared_ptr<Slot> slot;
+    if (!keptBuffers.slots.empty()) {
+      slot = std::move(keptBuffers.slots.back());
+      keptBuffers.slots.pop_back();
+      keptBuffers.bytes -= slot->bytes.capacity();
     } else {
-      buffer = std::make_shared<Bytes>();
+      slot = std::make_shared<Slot>();
     }
-    if (buffers.size() < kMaximumPooledBuffers) buffers.push_back(buffer);
-    return buffer;
+    if (buffers.size() < kMaximumPooledBuffers) buffers.push_back(slot);
+    return slot;
   }
 
   // Sets the descriptor's status flags; false (errno set) when the file system refuses them.
@@ -184,18 +198,38 @@ struct FileReader::State {
     return true;
   }
 
-  // One read(2), retried on EINTR; waits for data on a descriptor that was handed over in
-  // non-blocking mode (standard input can be). -1 with errno on failure.
+  bool stoppable() const { return options.stop.stop_possible(); }
+
+  // Waits until the descriptor has data or its end (for a FIFO: a writer came). False when the
+  // stop was requested first. Without a stop token it waits as long as it takes.
+  bool waitUntilReadable() {
+    const int timeout = stoppable() ? kStopPollMilliseconds : -1;
+    for (;;) {
+      if (options.stop.stop_requested()) return false;
+      struct pollfd wait {
+        descriptor, POLLIN, 0
+      };
+      const int result = ::poll(&wait, 1, timeout);
+      if (result > 0) return true;
+      if (result < 0 && errno != EINTR) return true;  // the read that follows tells what is wrong
+    }
+  }
+
+  // One read(2), retried on EINTR. On a stream that can be stopped, data is waited for with
+  // poll() first, so the read never blocks past a stop; a descriptor handed over in non-blocking
+  // mode (standard input can be) is waited on too. -1 with errno on failure (ECANCELED: stopped).
   ssize_t readOnce(std::uint8_t* into, std::size_t length) {
     for (;;) {
+      if (!regular && stoppable() && !waitUntilReadable()) {
+        errno = ECANCELED;
+        return -1;
+      }
       const ssize_t count = ::read(descriptor, into, length);
       if (count >= 0) return count;
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        struct pollfd wait {
-          descriptor, POLLIN, 0
-        };
-        if (::poll(&wait, 1, -1) >= 0 || errno == EINTR) continue;
+        if (waitUntilReadable()) continue;
+        errno = ECANCELED;
       }
       return -1;
     }
@@ -208,7 +242,8 @@ struct FileReader::State {
     while (filled < length) {
       const ssize_t count = readOnce(into + filled, length - filled);
       if (count < 0) {
-        fail(systemError(FileErrorKind::read, errno));
+        const bool stopped = errno == ECANCELED && options.stop.stop_requested();
+        fail(stopped ? stoppedError() : systemError(FileErrorKind::read, errno));
         return -1;
       }
       if (count == 0) {
@@ -312,7 +347,17 @@ struct FileReader::State {
       closeDescriptor();
       return;
     }
-    if (!regular) return;  // FIFOs and devices: read until their end, no size to hold them to
+    if (!regular) {
+      // FIFOs and devices: read until their end, no size to hold them to. A FIFO opened
+      // non-blocking so that a stop can end the wait has not seen a writer yet: until one came,
+      // a read would report the end at once.
+      if (S_ISFIFO(status.st_mode) && ownDescriptor && (statusFlags & O_NONBLOCK) != 0 &&
+          !waitUntilReadable()) {
+        fail(stoppedError());
+        closeDescriptor();
+      }
+      return;
+    }
     // O_NONBLOCK was only wanted for the open (a FIFO must not wait); some network file systems
     // would honour it on reads of a regular file.
     if ((statusFlags & O_NONBLOCK) != 0 && !setStatusFlags(statusFlags & ~O_NONBLOCK)) {
@@ -358,8 +403,10 @@ FileReader FileReader::open(const std::string& path, const ReadOptions& options)
   auto state = std::make_unique<State>();
   state->options = options;
   // Entries of a walk must never wait on a FIFO: opened non-blocking and refused after fstat.
-  // A named path opens as `cat` opens it, waiting for a FIFO's writer.
-  const int flags = O_RDONLY | O_CLOEXEC | (options.regularOnly ? O_NONBLOCK : 0);
+  // A named path opens as `cat` opens it, waiting for a FIFO's writer: blocking in open(), or,
+  // when a stop may end the wait, opened non-blocking and waited for with poll().
+  const bool nonBlocking = options.regularOnly || options.stop.stop_possible();
+  const int flags = O_RDONLY | O_CLOEXEC | (nonBlocking ? O_NONBLOCK : 0);
   int descriptor;
   do {
     descriptor = ::open(path.c_str(), flags);
@@ -402,6 +449,10 @@ std::uint64_t FileReader::bytesReadDirectly() const { return state_->readDirect;
 SharedBytes FileReader::next() {
   State& s = *state_;
   if (s.descriptor < 0 || s.error || s.atEnd || s.finished) return nullptr;
+  if (s.options.stop.stop_requested()) {
+    s.fail(stoppedError());
+    return nullptr;
+  }
   const std::size_t chunkSize = s.direct ? s.directChunk : s.options.chunkSize;
 
   std::size_t length = chunkSize;
@@ -419,7 +470,8 @@ SharedBytes FileReader::next() {
     s.dropCachedPages(s.position, fromProbe);
   }
 
-  std::shared_ptr<Bytes> buffer = s.acquireBuffer();
+  const std::shared_ptr<Slot> slot = s.acquireBuffer();
+  Bytes* buffer = &slot->bytes;
   if (buffer->capacity() < length) buffer->clear();  // nothing worth copying on reallocation
   buffer->resize(length);
   if (fromProbe > 0) std::memcpy(buffer->data(), s.probe.data(), fromProbe);
@@ -439,7 +491,7 @@ SharedBytes FileReader::next() {
   if (filled == 0) return nullptr;
   s.read += filled;
   buffer->resize(filled);
-  return buffer;
+  return lend(slot);
 }
 
 const FileError& FileReader::finish() {

@@ -38,6 +38,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <stop_token>
 #include <string>
 
 #include "corvane/Bytes.hpp"
@@ -56,6 +57,11 @@ struct ReadOptions {
   bool bypassCache = false;
   // Refuse anything that is not a regular file at open, without waiting on a FIFO.
   bool regularOnly = false;
+  // Ends a wait on a stream (a FIFO's writer at open, data of a FIFO, pipe or device) within
+  // about 50 ms, and next() once asked: error kind stopped (ECANCELED, "stopped"). With a token
+  // that can be stopped, a FIFO is opened non-blocking and its writer waited for with poll();
+  // without one, open and reads block as `cat`'s do.
+  std::stop_token stop{};
 };
 
 class FileReader {
@@ -70,7 +76,8 @@ class FileReader {
   FileReader& operator=(FileReader&&) noexcept;
   ~FileReader();
 
-  // The first failure: open, read or (after finish()) a change; kind none while all is well.
+  // The first failure: open, read, stopped or (after finish()) a change; kind none while all is
+  // well.
   const FileError& error() const;
   // fstat of the open descriptor (valid when the open succeeded).
   const struct stat& statusAtOpen() const;

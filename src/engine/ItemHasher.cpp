@@ -137,6 +137,8 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   options.chunkSize = smallByWalk ? std::min(chunkSize, kCachedPieceSize) : chunkSize;
   options.bypassCache = settings_.bypassCache || item.bypassCache;
   options.regularOnly = item.regularOnly;
+  // A stream (a FIFO waiting for its writer, a pipe waiting for data) ends with the run's stop.
+  options.stop = stop;
   const int descriptor = std::exchange(item.descriptor, -1);
   FileReader reader = descriptor >= 0 ? FileReader::adopt(descriptor, options)
                                       : FileReader::open(item.entry.path, options);

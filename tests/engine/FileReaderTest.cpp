@@ -21,6 +21,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -425,6 +426,149 @@ TEST(FileReaderOpen, NamedDeviceIsReadLikeAnyStream) {
   ASSERT_FALSE(reader.error()) << reader.error().message;
   EXPECT_FALSE(reader.isRegular());
   EXPECT_EQ(reader.next(), nullptr);
+  EXPECT_FALSE(reader.finish());
+}
+
+TEST(FileReaderOpen, NamedFifoWithAStopTokenStillWaitsForItsWriterAndIsReadToItsEnd) {
+  // With a stop token the FIFO is opened non-blocking and its writer waited for with poll(): the
+  // same bytes, and no early end before the writer came.
+  ScratchDirectory scratch;
+  const std::string path = scratch.file("fifo");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
+  const Bytes content = seededRandomBytes(3 * kMiB + 17);
+  std::stop_source never;
+
+  const auto started = Clock::now();
+  std::thread writer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    writeToFifo(path, content, std::chrono::seconds(20));
+  });
+  FileReader reader = FileReader::open(path, {.chunkSize = kMiB, .stop = never.get_token()});
+  const auto opened = Clock::now();
+  ASSERT_FALSE(reader.error()) << reader.error().message;
+  const Bytes read = readAll(reader, kMiB);
+  writer.join();
+
+  EXPECT_GE(opened - started, std::chrono::milliseconds(150));
+  EXPECT_EQ(read, content);
+  EXPECT_FALSE(reader.finish());
+}
+
+TEST(FileReaderOpen, NamedFifoWhoseWriterLeavesWithoutWritingIsEmpty) {
+  ScratchDirectory scratch;
+  const std::string path = scratch.file("fifo");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
+  std::stop_source never;
+  std::thread writer([&] { writeToFifo(path, {}, std::chrono::seconds(20)); });
+  FileReader reader = FileReader::open(path, {.stop = never.get_token()});
+  EXPECT_EQ(reader.next(), nullptr);
+  writer.join();
+  EXPECT_FALSE(reader.error()) << reader.error().message;
+  EXPECT_FALSE(reader.finish());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Stopping waits on streams.
+
+// Requests a stop after `delay`; join() before the source goes.
+std::thread stopLater(std::stop_source& source, std::chrono::milliseconds delay) {
+  return std::thread([&source, delay] {
+    std::this_thread::sleep_for(delay);
+    source.request_stop();
+  });
+}
+
+void expectStopped(const FileError& error) {
+  EXPECT_EQ(error.kind, FileErrorKind::stopped);
+  EXPECT_EQ(error.code, ECANCELED);
+  EXPECT_EQ(error.message, "stopped");
+}
+
+TEST(FileReaderStop, StopEndsTheWaitForAFifosWriter) {
+  ScratchDirectory scratch;
+  const std::string path = scratch.file("fifo");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
+  std::stop_source source;
+  std::thread stopper = stopLater(source, std::chrono::milliseconds(200));
+  const auto started = Clock::now();
+  FileReader reader = FileReader::open(path, {.stop = source.get_token()});
+  const auto elapsed = Clock::now() - started;
+  stopper.join();
+  EXPECT_GE(elapsed, std::chrono::milliseconds(150));
+  EXPECT_LT(elapsed, std::chrono::seconds(2));
+  expectStopped(reader.error());
+  EXPECT_EQ(reader.next(), nullptr);
+}
+
+TEST(FileReaderStop, StopEndsTheWaitForAFifosData) {
+  ScratchDirectory scratch;
+  const std::string path = scratch.file("fifo");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << std::strerror(errno);
+  std::atomic<bool> done = false;
+  std::thread writer([&] {
+    int descriptor = -1;
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (descriptor < 0 && Clock::now() < deadline) {
+      descriptor = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      if (descriptor < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (descriptor < 0) return;
+    EXPECT_EQ(::write(descriptor, "he", 2), 2);
+    // Keeps the FIFO open without writing more (at most 5 s, so a failing test still ends).
+    const auto until = Clock::now() + std::chrono::seconds(5);
+    while (!done && Clock::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ::close(descriptor);
+  });
+  std::stop_source source;
+  FileReader reader = FileReader::open(path, {.stop = source.get_token()});
+  ASSERT_FALSE(reader.error()) << reader.error().message;
+  std::thread stopper = stopLater(source, std::chrono::milliseconds(200));
+  const auto started = Clock::now();
+  EXPECT_EQ(reader.next(), nullptr);  // the two bytes wait for a chunk that never fills
+  const auto elapsed = Clock::now() - started;
+  done = true;
+  stopper.join();
+  writer.join();
+  EXPECT_LT(elapsed, std::chrono::seconds(2));
+  expectStopped(reader.error());
+}
+
+TEST(FileReaderStop, StopEndsTheWaitOnAnAdoptedPipe) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  std::stop_source source;
+  FileReader reader = FileReader::adopt(ends[0], {.stop = source.get_token()});
+  std::thread stopper = stopLater(source, std::chrono::milliseconds(200));
+  const auto started = Clock::now();
+  EXPECT_EQ(reader.next(), nullptr);
+  const auto elapsed = Clock::now() - started;
+  stopper.join();
+  ::close(ends[1]);
+  EXPECT_LT(elapsed, std::chrono::seconds(2));
+  expectStopped(reader.error());
+}
+
+TEST(FileReaderStop, NextAfterAStopGivesNothing) {
+  ScratchDirectory scratch;
+  const Bytes content = seededRandomBytes(3 * 65536);
+  std::stop_source source;
+  FileReader reader = FileReader::open(scratch.writeFile("file", content),
+                                       {.chunkSize = 65536, .stop = source.get_token()});
+  ASSERT_NE(reader.next(), nullptr);
+  source.request_stop();
+  EXPECT_EQ(reader.next(), nullptr);
+  expectStopped(reader.error());
+  EXPECT_EQ(reader.bytesRead(), 65536u);
+}
+
+TEST(FileReaderStop, RegularFileWithAStopTokenReadsAsWithout) {
+  ScratchDirectory scratch;
+  const Bytes content = seededRandomBytes(200000);
+  std::stop_source never;
+  FileReader reader = FileReader::open(scratch.writeFile("file", content),
+                                       {.chunkSize = 65536, .stop = never.get_token()});
+  ASSERT_FALSE(reader.error());
+  EXPECT_EQ(readAll(reader, 65536), content);
   EXPECT_FALSE(reader.finish());
 }
 
