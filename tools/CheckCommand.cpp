@@ -112,9 +112,10 @@ class LineReader {
 struct ListEvent {
   enum class Kind { kListBegin, kLine, kListEnd };
   Kind kind = Kind::kLine;
-  std::size_t list = 0;                  // index into the list names
-  std::optional<std::string> readError;  // kListBegin (cannot be opened) or kListEnd (read failed)
-  std::size_t number = 0;                // kLine: from 1
+  std::size_t list = 0;  // index into the list names
+  std::optional<std::string> readError =
+      {};                  // kListBegin (cannot be opened) or kListEnd (read failed)
+  std::size_t number = 0;  // kLine: from 1
   std::optional<ChecksumListEntry> entry = {};  // kLine: null when improperly formatted
   std::size_t job = 0;                          // kLine with an entry: the file read for it
   std::size_t blockFirstJob = 0;  // kLine with an entry: no earlier job is referred to

@@ -58,6 +58,8 @@ bool DeviceReaderLimits::acquire(std::uint64_t device, const std::stop_token& st
   std::unique_lock lock(mutex_);
   Device& entry = deviceLocked(device);
   if (!freed_.wait(lock, stop, [&entry] { return entry.active < entry.limit; })) return false;
+  // A free slot also ends the wait of a stopped run: it reads nothing more.
+  if (stop.stop_requested()) return false;
   ++entry.active;
   return true;
 }

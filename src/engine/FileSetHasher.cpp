@@ -50,6 +50,8 @@ class FileSetRunState {
   }
 
   ~FileSetRunState() {
+    // The caller's stop callback goes first: it must not reach a state being destroyed.
+    externalStop_.reset();
     requestStop();
     for (std::thread& helper : helpers_) helper.join();
   }
