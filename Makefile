@@ -30,8 +30,19 @@ test-tsan: deps
 	cmake --build --preset tsan -j$(JOBS) --target corvane_concurrency_tests corvane-checksum
 	ctest --preset tsan -j$(JOBS)
 
-# Release suite, then the whole suite under ASan+UBSan, then the concurrency suite under TSan.
-test: test-release test-asan test-tsan
+# libFuzzer targets under clang with ASan+UBSan (the library's objects instrumented too; the tests,
+# benchmarks and the tool are not built here), each run for 30 s on a copy of its seed corpus.
+.PHONY: test-fuzz
+test-fuzz: deps
+	cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCORVANE_BUILD_FUZZ=ON \
+	  -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_BENCH=OFF -DCORVANE_BUILD_TOOLS=OFF
+	cmake --build build/fuzz -j$(JOBS) --target corvane_fuzzers
+	bash scripts/run-fuzzers.sh 30
+
+# Release suite, then the whole suite under ASan+UBSan, then the concurrency suite under TSan,
+# then the fuzzers.
+test: test-release test-asan test-tsan test-fuzz
 
 bench: build
 	bash bench/compare.sh

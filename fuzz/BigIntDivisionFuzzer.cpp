@@ -2,9 +2,9 @@
 // 0 <= remainder < divisor (divisor non-zero); add then subtract gives the value back.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
+#include "FuzzCheck.hpp"
 #include "corvane/BigInt.hpp"
 #include "corvane/Exception.hpp"
 
@@ -32,9 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const BigInt quotient = dividend.divide(divisor);
     const BigInt remainder = dividend.mod(divisor);
-    if (!quotient.multiply(divisor).add(remainder).equals(dividend)) std::abort();
-    if (remainder.isNegative() || !remainder.lessThan(divisor)) std::abort();
-    if (!dividend.add(divisor).subtract(divisor).equals(dividend)) std::abort();
+    CORVANE_FUZZ_CHECK(quotient.multiply(divisor).add(remainder).equals(dividend));
+    CORVANE_FUZZ_CHECK(!remainder.isNegative() && remainder.lessThan(divisor));
+    CORVANE_FUZZ_CHECK(dividend.add(divisor).subtract(divisor).equals(dividend));
   } catch (const corvane::Exception&) {
     // Products beyond the 4096-bit capacity raise; that is the documented outcome.
   }

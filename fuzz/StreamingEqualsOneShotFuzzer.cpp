@@ -1,10 +1,11 @@
 // Streaming a buffer in chunks (sizes taken from the input, empty chunks included) gives the
 // same checksum as handing it over in one piece, for every algorithm.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
+#include "FuzzCheck.hpp"
 #include "checksum/BlockingHandOff.hpp"
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
@@ -20,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto whole = ChecksumGenerator::generateChecksumForData(input, type);
   auto generator = CorvaneChecksumGenerator::checksumGeneratorForType(type);
   if (!generator) {
-    if (whole) std::abort();
+    CORVANE_FUZZ_CHECK(!whole);
     return 0;
   }
   dispatch::Group group;
@@ -34,6 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     detail::addAndWait(*generator, group, chunk);
     offset += length;
   }
-  if (detail::finalizeAndWait(*generator, group) != whole) std::abort();
+  CORVANE_FUZZ_CHECK(detail::finalizeAndWait(*generator, group) == whole);
   return 0;
 }
