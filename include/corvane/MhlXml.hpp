@@ -1,9 +1,11 @@
 // Reading, writing and validating ASC MHL manifests and chain files (the XML of MhlManifest.hpp).
 //
-//   MhlResult<MhlManifest> manifest =
-//   readMhlManifest("card/ascmhl/0001_card_2024-05-01_091500Z.mhl"); if (!manifest) {
-//   std::fprintf(stderr, "%s\n", manifest.error().description().c_str()); ... } for (const
-//   MhlHashEntry& entry : manifest->hashes) { ... }
+//   MhlResult<MhlManifest> manifest = readMhlManifest(path);
+//   if (!manifest) {
+//     std::fprintf(stderr, "%s\n", manifest.error().description().c_str());
+//     return 1;
+//   }
+//   for (const MhlHashEntry& entry : manifest->hashes) { ... }
 //
 //   MhlResult<std::string> bytes = writeMhlManifest(newManifest);  // refused if not conforming
 //
@@ -27,9 +29,9 @@
 //   embedded schema before it is returned.
 //
 // Errors are values, not exceptions: MhlResult holds the result or an MhlError naming the file,
-// the line and what is wrong ("0002_card_2024-05-01_091500Z.mhl:17: Element 'hash': Missing child
-// element(s). Expected is one of ( c4, md5, sha1, xxh128, xxh3, xxh64 )."). Only value() on a
-// failed result throws.
+// the line and what is wrong ("0002_card_2024-05-01_091500Z.mhl:17: Element 'md5', attribute
+// 'action': [facet 'enumeration'] The value 'checked' is not an element of the set {'original',
+// 'verified', 'failed'}."). Only value() on a failed result throws.
 //
 // Thread safety: every function may be called from any number of threads at once. The schemas are
 // compiled once, on first use, and shared read-only. (libxml2 is initialised then; an application

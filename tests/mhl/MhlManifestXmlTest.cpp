@@ -667,7 +667,8 @@ TEST(MhlManifestXml, SchemaViolationsAreRefusedWithFileAndLine) {
       {16, R"(      <md5 action="original">9e107d9d372bb6826bd81d3542a419d6</md5></hash>)", schema,
        16, "Element 'md5': This element is not expected."},
       {15,
-       R"(      <xxh64 action="original">0ea03b369a463d9d</xxh64><md5 action="original">9e107d9d372bb6826bd81d3542a419d6</md5>)",
+       R"(      <xxh64 action="original">0ea03b369a463d9d</xxh64>)"
+       R"(<md5 action="original">9e107d9d372bb6826bd81d3542a419d6</md5>)",
        schema, 15, "Element 'md5': This element is not expected."},
       {14, "      <pth>Clips/A.mov</pth>", schema, 14,
        "Element 'pth': This element is not expected. Expected is ( path )."},
@@ -700,13 +701,16 @@ TEST(MhlManifestXml, ContentTheSchemaAllowsButAscMhlForbidsIsRefusedWithFileAndL
       {14, R"(      <path size="18446744073709551616">Clips/A.mov</path>)", content, 14,
        "attribute 'size': '18446744073709551616' is not a size in bytes"},
       {16,
-       R"(    </hash><hash><path>Clips/A.mov</path><md5 action="original">9e107d9d372bb6826bd81d3542a419d6</md5></hash>)",
+       R"(    </hash><hash><path>Clips/A.mov</path>)"
+       R"(<md5 action="original">9e107d9d372bb6826bd81d3542a419d6</md5></hash>)",
        content, 16, "a second record of path 'Clips/A.mov' (the first is on line 14)"},
       {16,
-       R"(    </hash><directoryhash><path>Clips/A.mov/</path><content/><structure/></directoryhash>)",
+       R"(    </hash><directoryhash><path>Clips/A.mov/</path>)"
+       R"(<content/><structure/></directoryhash>)",
        content, 16, "a second record of path 'Clips/A.mov/' (the first is on line 14)"},
       {17,
-       R"(  </hashes><references><hashlistreference><path>../other/ascmhl/0001.mhl</path><c4>c4x</c4></hashlistreference></references>)",
+       R"(  </hashes><references><hashlistreference><path>../other/ascmhl/0001.mhl</path>)"
+       R"(<c4>c4x</c4></hashlistreference></references>)",
        content, 17, "path '../other/ascmhl/0001.mhl' leaves the scope ('..')"},
   };
   for (const ReadRefusal& refusal : refusals) expectRefused(refusal);
@@ -823,22 +827,23 @@ TEST(MhlManifestXml, DocumentTypeDeclarationsOfEveryKindAreRefused) {
 }
 
 TEST(MhlManifestXml, XIncludeInMetadataStaysInertText) {
-  const std::string text = withLine(
-      16,
-      R"(      <metadata><xi:include xmlns:xi="http://www.w3.org/2001/XInclude" href="/etc/passwd" parse="text"/></metadata></hash>)");
+  const std::string text =
+      withLine(16, R"(      <metadata><xi:include xmlns:xi="http://www.w3.org/2001/XInclude")"
+                   R"( href="/etc/passwd" parse="text"/></metadata></hash>)");
   const MhlResult<MhlManifest> read = parseMhlManifest(text);
   ASSERT_TRUE(read) << read.error().description();
   ASSERT_TRUE(read->hashes[0].metadata);
-  EXPECT_EQ(
-      read->hashes[0].metadata->content,
-      R"(<xi:include xmlns:xi="http://www.w3.org/2001/XInclude" href="/etc/passwd" parse="text"/>)");
+  EXPECT_EQ(read->hashes[0].metadata->content,
+            R"(<xi:include xmlns:xi="http://www.w3.org/2001/XInclude" href="/etc/passwd")"
+            R"( parse="text"/>)");
 }
 
 TEST(MhlManifestXml, ASchemaLocationHintIsNeverLoaded) {
   // Valid against our schema; the hint names a schema that would refuse everything.
-  const std::string text = withLine(
-      2,
-      R"(<hashlist version="2.0" xmlns="urn:ASC:MHL:v2.0" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" xsi:schemaLocation="urn:ASC:MHL:v2.0 http://127.0.0.1:9/evil.xsd">)");
+  const std::string text =
+      withLine(2, R"(<hashlist version="2.0" xmlns="urn:ASC:MHL:v2.0")"
+                  R"( xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance")"
+                  R"( xsi:schemaLocation="urn:ASC:MHL:v2.0 http://127.0.0.1:9/evil.xsd">)");
   EXPECT_EQ(validateMhlManifest(text), std::nullopt);
   EXPECT_TRUE(parseMhlManifest(text));
 }
