@@ -4,6 +4,8 @@
 //   corvane-checksum check     [OPTIONS] LISTFILE...    verify files against checksum lists
 //   corvane-checksum compare   [OPTIONS] SRC DST        verify a copy of a folder or file
 //   corvane-checksum composite [OPTIONS] DIR            one checksum for a folder
+//   corvane-checksum mhl COMMAND [OPTIONS] ROOT         ASC MHL histories: create, verify, diff,
+//                                                       info, flatten
 //   corvane-checksum                                    checksums a built-in sample
 //
 // docs/corvane-checksum.md describes every option, output and exit status.
@@ -19,6 +21,7 @@
 #include "CompositeCommand.hpp"
 #include "ExitStatus.hpp"
 #include "HashCommand.hpp"
+#include "MhlCommand.hpp"
 #include "StandardOutput.hpp"
 #include "corvane/Version.hpp"
 
@@ -62,11 +65,15 @@ int run(int argc, char** argv) {
   app.footer(
       "Run '" + std::string(kProgramName) +
       " COMMAND --help' for the options of a command; docs/corvane-checksum.md has them all.\n"
-      "Exit status: 0 success, 1 mismatch or missing/unreadable file, 2 usage error (or a "
-      "malformed checksum list), 3 files missing or new (or names differing only in normalisation "
-      "or "
-      "case) in the destination of compare, 4 standard "
-      "output could not be written (a closed pipe ends the run by SIGPIPE, 141 in a shell).");
+      "'" +
+      std::string(kProgramName) +
+      " mhl create|verify|diff|info|flatten' keeps and checks the ASC MHL history (ascmhl folder) "
+      "of a folder tree.\n"
+      "Exit status: 0 success, 1 mismatch or missing/unreadable file (mhl: also a broken history "
+      "or a manifest not written), 2 usage error (or a malformed checksum list), 3 files missing "
+      "or new (or names differing only in normalisation or case) in the destination of compare, "
+      "or (mhl verify, diff) new files only, 4 standard output could not be written (a closed "
+      "pipe ends the run by SIGPIPE, 141 in a shell).");
 
   HashOptions hashOptions;
   CLI::App* hash = addHashCommand(app, hashOptions);
@@ -76,6 +83,8 @@ int run(int argc, char** argv) {
   CLI::App* compare = addCompareCommand(app, compareOptions);
   CompositeOptions compositeOptions;
   CLI::App* composite = addCompositeSubcommand(app, compositeOptions);
+  MhlOptions mhlOptions;
+  CLI::App* mhl = addMhlCommand(app, mhlOptions);
 
   try {
     app.parse(argc, argv);
@@ -92,6 +101,7 @@ int run(int argc, char** argv) {
   if (composite->parsed()) {
     return runCompositeCommand(compositeOptions, kProgramName, std::cout, std::cerr);
   }
+  if (mhl->parsed()) return runMhlCommand(mhlOptions, std::cout, std::cerr);
   return runBuiltinSample();
 }
 

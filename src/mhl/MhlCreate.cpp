@@ -1,12 +1,16 @@
 // createMhlGeneration: hash the scope, check what the history recorded, append a generation.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <set>
 
+#include "checksum/TextUnits.hpp"
 #include "corvane/MhlDirectoryHash.hpp"
 #include "corvane/MhlHashFormat.hpp"
 #include "corvane/MhlIgnorePatterns.hpp"
@@ -48,6 +52,43 @@ std::vector<ChecksumType> formatsFor(const std::vector<ChecksumType>& asked,
   return formats;
 }
 
+// Removes the manifests a writer killed between writing its manifest and the chain left in
+// `folder`: names "<sequence>_....mhl" with a sequence number beyond the last one of the chain,
+// which the chain does not list. They are not part of the history (ASC MHL 5.3.1: the chain and
+// the manifests it lists), and one named like the manifest about to be written (same sequence,
+// same second) would make that write fail.
+void removeUnlistedManifests(const std::string& folder, std::uint64_t lastSequence) {
+  DIR* stream = ::opendir(folder.c_str());
+  if (stream == nullptr) return;
+  bool removed = false;
+  while (const dirent* entry = ::readdir(stream)) {
+    const std::string_view name = entry->d_name;
+    const auto underscore = name.find('_');
+    if (!name.ends_with(".mhl") || underscore == std::string_view::npos || underscore < 4) continue;
+    std::uint64_t sequence = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + underscore, sequence);
+    if (error != std::errc() || end != name.data() + underscore || sequence <= lastSequence) {
+      continue;
+    }
+    removed = ::unlinkat(::dirfd(stream), entry->d_name, 0) == 0 || removed;
+  }
+  ::closedir(stream);
+  if (removed) detail::syncFolder(folder);
+}
+
+// Whether `name` can stand in an ASC MHL document: UTF-8 of characters XML 1.0 allows. Other
+// names (bytes a file system accepts but no XML text holds) are reported, not recorded, so that
+// one such name does not cost the whole generation.
+bool recordableName(const std::string& name) {
+  bool recordable = true;
+  detail::forEachCodePoint(name, [&recordable](char32_t c, bool wellFormed) {
+    const bool allowed = c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
+                         (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+    if (!wellFormed || !allowed) recordable = false;
+  });
+  return recordable;
+}
+
 // Whether `path` (relative) lies in the folder `folder` (relative, "" = the top) or below it.
 bool inside(const std::string& path, const std::string& folder) {
   return folder.empty() ||
@@ -57,15 +98,19 @@ bool inside(const std::string& path, const std::string& folder) {
 class GenerationMaker {
  public:
   GenerationMaker(const MhlCreateOptions& options, std::stop_token stop, MhlReport& report)
-      : options_(options), stop_(std::move(stop)), report_(report) {}
+      : options_(options),
+        stop_(std::move(stop)),
+        report_(report),
+        started_(std::chrono::system_clock::now()) {}
 
   // Appends a generation to the history of `root` (and first to its nested histories);
   // `historyPath` is `root` relative to the top root ("" for the top).
   std::optional<Written> make(const std::string& root, const std::string& historyPath,
                               const MhlHistory& history) {
     const std::string folder = mhl::historyFolder(root);
-    if (!writable(root, folder)) return std::nullopt;
-    const auto started = std::chrono::system_clock::now();
+    if (!writable(root, folder, history)) return std::nullopt;
+    // One operation, one date and time in the names of all its manifests (ASC MHL 6.3).
+    const auto started = started_;
 
     std::vector<MhlHashListReference> references;
     for (const MhlHistory& child : history.children) {
@@ -120,17 +165,22 @@ class GenerationMaker {
   }
 
  private:
-  bool writable(const std::string& root, const std::string& folder) {
+  bool writable(const std::string& root, const std::string& folder, const MhlHistory& history) {
     struct stat status {};
     const bool exists = ::stat(folder.c_str(), &status) == 0;
     const std::string& target = exists ? folder : root;
-    if (::access(target.c_str(), W_OK) != 0) {
+    // The effective user writes the files, so its rights count (access() asks about the real
+    // user, which differs in a set-user-ID program or after seteuid()).
+    if (::faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0) {
       report_.problems.push_back(
           problem(MhlErrorKind::unreadable, target,
                   std::string("cannot write the history: ") + std::strerror(errno), errno));
       return false;
     }
-    if (exists) detail::removeStaleTemporaries(folder);
+    if (exists) {
+      detail::removeStaleTemporaries(folder);
+      removeUnlistedManifests(folder, mhl::lastSequence(history));
+    }
     return true;
   }
 
@@ -155,6 +205,13 @@ class GenerationMaker {
     std::size_t next = 0;
     hasher.run(
         FileSetInput::generator([&]() -> std::optional<FileSetItem> {
+          while (next < scope.files.size() && !recordableName(scope.files[next].relativePath)) {
+            const WalkEntry& entry = scope.files[next++];
+            seen.insert(entry.relativePath);
+            unreadableFiles.push_back(entry.relativePath);
+            report(historyPath, entry.relativePath, MhlFileOutcome::unreadable,
+                   "the name is not UTF-8 text that ASC MHL can record", {});
+          }
           if (next >= scope.files.size()) return std::nullopt;
           const WalkEntry& entry = scope.files[next++];
           FileSetItem item;
@@ -204,6 +261,13 @@ class GenerationMaker {
             }
             entry.hashes.push_back(std::move(hash));
           }
+          if (outcome == MhlFileOutcome::failed) {
+            // A format new to a failing file would get an `original` of the changed bytes, which
+            // verification could then use: changed files are never rehabilitated (ASC MHL 5.6.4).
+            std::erase_if(entry.hashes, [](const MhlHash& hash) {
+              return hash.action == MhlHashAction::original;
+            });
+          }
           manifest.hashes.push_back(std::move(entry));
           report(historyPath, path, outcome, std::move(detail), result.checksums);
         },
@@ -247,16 +311,16 @@ class GenerationMaker {
                                std::chrono::system_clock::time_point started,
                                const MhlManifest& manifest) {
     const std::string folder = mhl::historyFolder(root);
+    MhlResult<std::string> bytes = writeMhlManifest(manifest);
+    if (!bytes) {
+      report_.problems.push_back(bytes.error());
+      return std::nullopt;
+    }
     if (::mkdir(folder.c_str(), 0755) == 0) {
       detail::syncFolder(root);
     } else if (errno != EEXIST) {
       report_.problems.push_back(
           problem(MhlErrorKind::unreadable, folder, std::strerror(errno), errno));
-      return std::nullopt;
-    }
-    MhlResult<std::string> bytes = writeMhlManifest(manifest);
-    if (!bytes) {
-      report_.problems.push_back(bytes.error());
       return std::nullopt;
     }
     const std::uint64_t sequence = mhl::lastSequence(history) + 1;
@@ -304,6 +368,7 @@ class GenerationMaker {
   const MhlCreateOptions& options_;
   std::stop_token stop_;
   MhlReport& report_;
+  const std::chrono::system_clock::time_point started_;
 };
 
 }  // namespace

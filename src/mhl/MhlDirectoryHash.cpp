@@ -55,6 +55,17 @@ namespace {
   throw Exception("ArgumentException", reason);
 }
 
+// `text` in double quotes, for messages. Built by appending: g++ 12 warns falsely
+// (-Wrestrict) about "literal" + std::string temporaries.
+std::string quoted(std::string_view text) {
+  std::string result;
+  result.reserve(text.size() + 2);
+  result += '"';
+  result += text;
+  result += '"';
+  return result;
+}
+
 std::string formatText(ChecksumType format) {
   const std::optional<std::string_view> name = mhlFormatName(format);
   return name ? std::string(*name) : "";
@@ -71,8 +82,7 @@ ChecksumType requireFormat(ChecksumType format) {
 // The components of a relative path, or a throw saying why it is not one.
 std::vector<std::string_view> splitRelativePath(std::string_view path) {
   const auto refuse = [path](const char* why) {
-    throwArgument("\"" + std::string(path) +
-                  "\" is not a relative path for a directory hash: " + why);
+    throwArgument(quoted(path) + " is not a relative path for a directory hash: " + why);
   };
   if (path.empty()) refuse("it is empty");
   if (path.front() == '/') refuse("it starts with '/'");
@@ -98,7 +108,7 @@ std::string hashText(ChecksumType format, const Bytes& data) {
   // Every ASC MHL format has a generator in this library; a missing result is a broken build.
   if (!text) {
     throw Exception("NSInternalInconsistencyException",
-                    "no " + formatText(format) + " checksum could be computed");
+                    std::string("no ") + formatText(format) + " checksum could be computed");
   }
   return std::move(*text);
 }
@@ -106,16 +116,18 @@ std::string hashText(ChecksumType format, const Bytes& data) {
 Bytes bytesOfOwnHash(ChecksumType format, const std::string& text) {
   std::optional<Bytes> bytes = mhlHashBytes(format, text);
   if (!bytes) {
-    throw Exception("NSInternalInconsistencyException",
-                    "the " + formatText(format) + " checksum \"" + text + "\" cannot be decoded");
+    throw Exception("NSInternalInconsistencyException", std::string("the ") + formatText(format) +
+                                                            " checksum " + quoted(text) +
+                                                            " cannot be decoded");
   }
   return std::move(*bytes);
 }
 
 // ASC MHL Appendix G over hashes already turned into bytes. Sorting the bytes is sorting the
-// texts: hex digits and the base-58 alphabet both ascend in ASCII, so for texts of one format the
-// byte order is the text order (a shorter hex text that is a prefix of a longer one sorts first
-// either way).
+// texts as ASC MHL writes them (lowercase hex, C4 IDs): hex digits and the base-58 alphabet both
+// ascend in ASCII, so for texts of one format the byte order is the text order (a shorter hex
+// text that is a prefix of a longer one sorts first either way). Uppercase hex digits thus sort
+// as their lowercase forms, which keeps a directory hash a function of the bytes alone.
 std::string hashOfHashBytes(ChecksumType format, std::vector<Bytes> hashes) {
   // Spelt out rather than Bytes' operator<, whose inlined memcmp draws a false
   // -Wstringop-overread from g++ 12.
@@ -148,7 +160,7 @@ std::string mhlHashOfHashes(ChecksumType format, const std::vector<std::string>&
   for (const std::string& text : hashes) {
     std::optional<Bytes> bytes = mhlHashBytes(format, text);
     if (!bytes) {
-      throwArgument("\"" + text + "\" is not a hash value of the format " + formatText(format));
+      throwArgument(quoted(text) + " is not a hash value of the format " + formatText(format));
     }
     decoded.push_back(std::move(*bytes));
   }
@@ -181,8 +193,8 @@ void MhlDirectoryTree::addFile(std::string_view relativePath, ChecksumType forma
                                std::string_view hash) {
   requireFormat(format);
   if (!isWellFormedMhlHash(format, hash)) {
-    throwArgument("\"" + std::string(hash) + "\" is not a hash value of the format " +
-                  formatText(format) + " (file \"" + std::string(relativePath) + "\")");
+    throwArgument(quoted(hash) + " is not a hash value of the format " + formatText(format) +
+                  " (file " + quoted(relativePath) + ")");
   }
   const std::vector<std::string_view> components = splitRelativePath(relativePath);
   if (folders_.empty()) folders_.resize(1);
@@ -194,8 +206,8 @@ void MhlDirectoryTree::addFile(std::string_view relativePath, ChecksumType forma
     const auto found = folders_[folder].children.find(components[depth]);
     if (found == folders_[folder].children.end()) break;
     if (!found->second.isFolder) {
-      throwArgument("\"" + std::string(relativePath) + "\" lies below the file \"" +
-                    pathThrough(relativePath, components[depth]) + "\"");
+      throwArgument(quoted(relativePath) + " lies below the file " +
+                    quoted(pathThrough(relativePath, components[depth])));
     }
     folder = found->second.index;
   }
@@ -204,13 +216,13 @@ void MhlDirectoryTree::addFile(std::string_view relativePath, ChecksumType forma
     const auto found = folders_[folder].children.find(components.back());
     if (found != folders_[folder].children.end()) {
       if (found->second.isFolder) {
-        throwArgument("\"" + std::string(relativePath) + "\" was added as a folder");
+        throwArgument(quoted(relativePath) + " was added as a folder");
       }
       existingFile = found->second.index;
       if (const Bytes* known = files_[*existingFile].hashOf(format)) {
         if (*known != *mhlHashBytes(format, hash)) {
-          throwArgument("\"" + std::string(relativePath) + "\" already has a different " +
-                        formatText(format) + " hash");
+          throwArgument(quoted(relativePath) + " already has a different " + formatText(format) +
+                        " hash");
         }
         return;
       }
@@ -245,8 +257,8 @@ void MhlDirectoryTree::addFolder(std::string_view relativePath) {
     const auto found = folders_[folder].children.find(components[depth]);
     if (found == folders_[folder].children.end()) break;
     if (!found->second.isFolder) {
-      throwArgument("\"" + pathThrough(relativePath, components[depth]) +
-                    "\" was added as a file, not a folder");
+      throwArgument(quoted(pathThrough(relativePath, components[depth])) +
+                    " was added as a file, not a folder");
     }
     folder = found->second.index;
   }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "corvane/C4Identifier.hpp"
 
@@ -136,8 +137,13 @@ std::variant<std::string_view, MhlFormatRefusal> checkMhlFormat(ChecksumType typ
 
 std::variant<ChecksumType, MhlFormatRefusal> checkMhlFormatName(std::string_view name) {
   if (std::optional<ChecksumType> type = checksumTypeForMhlFormat(name)) return *type;
-  return MhlFormatRefusal{"\"" + std::string(name) + "\" is not an ASC MHL hash format; ASC MHL " +
-                          "records " + allowedList()};
+  // Appended piece by piece: g++ 12 warns falsely (-Wrestrict) about "literal" + std::string.
+  std::string message;
+  message += '"';
+  message += name;
+  message += "\" is not an ASC MHL hash format; ASC MHL records ";
+  message += allowedList();
+  return MhlFormatRefusal{std::move(message)};
 }
 
 std::size_t mhlHashTextLength(ChecksumType type) {

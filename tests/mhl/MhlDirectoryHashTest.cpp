@@ -470,7 +470,7 @@ TEST(MhlDirectoryHash, NamesAreBytesWithoutUnicodeNormalisation) {
 
 TEST(MhlDirectoryHash, DeepTreesNeedNoRecursion) {
   std::string path;
-  for (int depth = 0; depth < 20000; ++depth) path += (depth == 0 ? "" : "/") + std::string("d");
+  for (int depth = 0; depth < 20000; ++depth) path += depth == 0 ? "d" : "/d";
   MhlDirectoryTree tree;
   tree.addFile(path + "/leaf", ChecksumTypeXXHash64, hashOf(ChecksumTypeXXHash64, "leaf"));
   EXPECT_EQ(tree.folderCount(), 20000u);

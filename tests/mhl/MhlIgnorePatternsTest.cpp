@@ -376,7 +376,7 @@ std::string generatePattern(std::mt19937_64& random) {
   const auto pick = [&random](const std::vector<std::string>& list) {
     return list[std::uniform_int_distribution<std::size_t>(0, list.size() - 1)(random)];
   };
-  if (chance(3)) return "#" + pick(patternComponents());
+  if (chance(3)) return std::string("#") + pick(patternComponents());
   if (chance(2)) return chance(50) ? "" : "  ";
   std::string pattern;
   if (chance(25)) pattern += "!";
@@ -408,7 +408,8 @@ GeneratedTree generateTree(std::mt19937_64& random, std::size_t entries) {
     bool fits = true;
     std::vector<std::pair<std::string, bool>> added;
     for (int level = 0; level < depth && fits; ++level) {
-      path += (level == 0 ? "" : "/") + pick();
+      if (level > 0) path += '/';
+      path += pick();
       const bool directory = level + 1 < depth || lastIsDirectory;
       const auto known = tree.isDirectory.find(path);
       if (known != tree.isDirectory.end()) {
