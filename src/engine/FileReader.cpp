@@ -4,6 +4,7 @@
 #include <linux/magic.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -120,6 +121,7 @@ struct FileReader::State {
   bool confirmEnd = false;  // once `remaining` is read, one small read must find the end
   bool atEnd = false;
   bool finished = false;
+  bool diskReadAnnounced = false;  // options.beforeDiskRead was called
 
   // Bypassing the cache.
   bool direct = false;          // O_DIRECT is set on the descriptor
@@ -200,6 +202,15 @@ struct FileReader::State {
 
   bool stoppable() const { return options.stop.stop_possible(); }
 
+  // Tells the caller (once) that the device is about to be read; false with errno ECANCELED when
+  // the caller says stop.
+  bool announceDiskRead() {
+    diskReadAnnounced = true;
+    if (options.beforeDiskRead()) return true;
+    errno = ECANCELED;
+    return false;
+  }
+
   // Waits until the descriptor has data or its end (for a FIFO: a writer came). False when the
   // stop was requested first. Without a stop token it waits as long as it takes.
   bool waitUntilReadable() {
@@ -219,6 +230,18 @@ struct FileReader::State {
   // poll() first, so the read never blocks past a stop; a descriptor handed over in non-blocking
   // mode (standard input can be) is waited on too. -1 with errno on failure (ECANCELED: stopped).
   ssize_t readOnce(std::uint8_t* into, std::size_t length) {
+    if (regular && !diskReadAnnounced && options.beforeDiskRead) {
+      // Bytes in the page cache come without waiting (RWF_NOWAIT); only when the device has to
+      // be read is the caller told, once.
+      iovec vector{into, length};
+      for (;;) {
+        const ssize_t cached = ::preadv2(descriptor, &vector, 1, -1, RWF_NOWAIT);
+        if (cached >= 0) return cached;
+        if (errno == EINTR) continue;
+        break;  // EAGAIN: not cached; anything else (no RWF_NOWAIT here): count it as the disk
+      }
+      if (!announceDiskRead()) return -1;
+    }
     for (;;) {
       if (!regular && stoppable() && !waitUntilReadable()) {
         errno = ECANCELED;
@@ -260,6 +283,10 @@ struct FileReader::State {
   // wherever an aligned read is not possible any more (a short read) or is refused; the caller
   // then goes on with plain reads. -1 after recording a read error.
   std::int64_t readDirectly(std::uint8_t* into, std::size_t length) {
+    if (!diskReadAnnounced && options.beforeDiskRead && !announceDiskRead()) {
+      fail(stoppedError());
+      return -1;
+    }
     if (!staging) {
       void* memory = nullptr;
       if (::posix_memalign(&memory, kDirectAlignment, directChunk) != 0) {

@@ -37,6 +37,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stop_token>
 #include <string>
@@ -62,6 +63,11 @@ struct ReadOptions {
   // that can be stopped, a FIFO is opened non-blocking and its writer waited for with poll();
   // without one, open and reads block as `cat`'s do.
   std::stop_token stop{};
+  // Called once, before the first read of a regular file that has to wait for the storage device
+  // (the bytes are not in the page cache, or the cache is bypassed): the caller takes its slot of
+  // the device there, so that bytes already in memory are never held back by a device limit.
+  // False ends reading as stopped. Empty: nothing to call.
+  std::function<bool()> beforeDiskRead{};
 };
 
 class FileReader {

@@ -139,6 +139,14 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   options.regularOnly = item.regularOnly;
   // A stream (a FIFO waiting for its writer, a pipe waiting for data) ends with the run's stop.
   options.stop = stop;
+  // The device's slot is taken only when the disk must be read: cached bytes never wait for it.
+  std::optional<DeviceSlot> slot;
+  std::uint64_t device = 0;
+  options.beforeDiskRead = [this, &slot, &device, &stop] {
+    if (!limits_.acquire(device, stop)) return false;
+    slot.emplace(limits_, device);
+    return true;
+  };
   const int descriptor = std::exchange(item.descriptor, -1);
   FileReader reader = descriptor >= 0 ? FileReader::adopt(descriptor, options)
                                       : FileReader::open(item.entry.path, options);
@@ -149,13 +157,8 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   const struct stat& status = reader.statusAtOpen();
   result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
   result.entry.device = static_cast<std::uint64_t>(status.st_dev);
+  device = result.entry.device;
   if (item.entry.size == 0 && reader.isRegular()) counters_.bytesSeen += reader.expectedSize();
-
-  if (!limits_.acquire(result.entry.device, stop)) {
-    result.error = stoppedError();
-    return result;
-  }
-  const DeviceSlot slot(limits_, result.entry.device);
 
   const std::vector<ChecksumType>& wanted =
       item.algorithms.empty() ? settings_.algorithms : item.algorithms;
@@ -175,8 +178,15 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
     sink = settings_.sinkFactory(item);
     if (sink) sink->begin(item, reader.expectedSize());
   }
+  // The observer hears of a read once its first bytes arrived: a file waiting for its device's
+  // slot is not being read yet.
   ReadObserver* observer = settings_.observer;
-  if (observer != nullptr) observer->readStarted(result.entry.path, result.entry.device);
+  bool announced = false;
+  const auto announce = [&] {
+    if (observer == nullptr || announced) return;
+    announced = true;
+    observer->readStarted(result.entry.path, result.entry.device);
+  };
 
   // A small file (or a pipe's pieces) is absorbed piece by piece on this thread; a large one is
   // handed to the generators as planned.
@@ -184,6 +194,7 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   const std::size_t unwaited = small ? 0 : plan.unwaitedCount;
   bool stopped = false;
   while (SharedBytes chunk = reader.next()) {
+    announce();
     for (std::size_t k = 0; k < plan.handOffOrder.size(); ++k) {
       CorvaneChecksumGenerator& generator = *generators[plan.handOffOrder[k]];
       if (k < unwaited) {
@@ -208,6 +219,7 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
     FileError sinkError = sink->finish(error);
     if (!error) error = std::move(sinkError);
   }
+  announce();
   if (observer != nullptr) observer->readFinished(result.entry.path);
 
   // Finalising also after an error lets every queued chunk drain before the buffers go back.

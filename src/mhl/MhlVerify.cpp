@@ -19,10 +19,6 @@ const std::vector<ChecksumType>& formatsByCost() {
   return kOrder;
 }
 
-std::string prefixed(const std::string& historyPath, const std::string& path) {
-  return historyPath.empty() ? path : historyPath + "/" + path;
-}
-
 class HistoryChecker {
  public:
   HistoryChecker(const MhlVerifyOptions* options, std::stop_token stop, MhlReport& report)
@@ -85,9 +81,10 @@ class HistoryChecker {
         }
       }
     }
+    // New files are read too when directory hashes are checked: the folders' hashes hold them.
     std::vector<const WalkEntry*> toRead;
     for (const WalkEntry& file : scope.files) {
-      if (records.contains(file.relativePath)) toRead.push_back(&file);
+      if (records.contains(file.relativePath) || !directoryFormats.empty()) toRead.push_back(&file);
     }
     FileSetSettings settings = options_->engine;
     const FileSetHasher hasher(settings);
@@ -101,9 +98,9 @@ class HistoryChecker {
           FileSetItem item;
           item.entry = entry;
           item.regularOnly = true;
-          const MhlFileRecord& record = records.at(entry.relativePath);
+          const auto record = records.find(entry.relativePath);
           for (const ChecksumType type : formatsByCost()) {
-            if (record.usableHashes.contains(type.rawValue())) {
+            if (record != records.end() && record->second.usableHashes.contains(type.rawValue())) {
               item.algorithms.push_back(type);
               break;
             }
@@ -119,12 +116,18 @@ class HistoryChecker {
         }),
         [&](FileSetResult&& result) {
           const std::string& path = result.entry.relativePath;
+          const auto found = records.find(path);
+          if (found == records.end()) {  // a new file (reported already), for the folders only
+            if (!result.ok()) treeComplete = false;
+            for (const auto& [type, value] : result.checksums) tree.addFile(path, type, value);
+            return;
+          }
           if (!result.ok()) {
             treeComplete = false;
             report(historyPath, path, MhlFileOutcome::unreadable, result.error.message, {});
             return;
           }
-          const MhlFileRecord& record = records.at(path);
+          const MhlFileRecord& record = found->second;
           MhlFileOutcome outcome = MhlFileOutcome::failed;
           std::string detail = "no usable hash recorded (every recorded hash failed)";
           bool failed = false;
@@ -175,7 +178,8 @@ class HistoryChecker {
               pair == nullptr ? "" : (isContent ? pair->content : pair->structure);
           if (value == hash.value) continue;
           report_.problems.push_back(mhl::problem(
-              MhlErrorKind::invalidContent, joinPath(history.root, prefixed("", path)),
+              MhlErrorKind::invalidContent,
+              path.empty() ? history.root : joinPath(history.root, path),
               std::string("directory ") + (isContent ? "content" : "structure") + " hash " +
                   hash.format + " " + hash.value + " != " + (value.empty() ? "(none)" : value)));
         }

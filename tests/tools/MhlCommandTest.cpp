@@ -831,7 +831,8 @@ TEST_F(MhlCommand, FlattenWritesTheEarliestHashesWithoutFailedOnes) {
     EXPECT_EQ(hash->action, MhlHashAction::original) << path;
     ASSERT_TRUE(hash->hashDate) << path;
     EXPECT_EQ(hash->hashDate->text(), first.creatorInfo.creationDate.text()) << path;
-    EXPECT_TRUE(hashOf(flat, path, "md5")) << path;
+    // b.bin failed in generation 2: its damaged bytes get no md5 "original" to flatten.
+    EXPECT_EQ(hashOf(flat, path, "md5").has_value(), path != "b.bin") << path;
   }
   // (A second flattening in the same second would have the same name: another folder.)
   const fs::path other = scratch_.path() / "other";
