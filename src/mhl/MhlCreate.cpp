@@ -30,12 +30,6 @@ struct Written {
   std::string c4;
 };
 
-std::string hostName() {
-  char name[256] = {};
-  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "localhost";
-  return name;
-}
-
 // The ASC MHL formats in the order files are hashed with: those asked for, then those the file
 // was recorded with (so that it can be verified).
 std::vector<ChecksumType> formatsFor(const std::vector<ChecksumType>& asked,
@@ -114,10 +108,9 @@ class GenerationMaker {
 
     std::vector<MhlHashListReference> references;
     for (const MhlHistory& child : history.children) {
-      const std::string childPath = relativeTo(child.root, root);
-      const std::string childHistoryPath =
-          historyPath.empty() ? childPath : historyPath + "/" + childPath;
-      if (std::optional<Written> written = make(child.root, childHistoryPath, child)) {
+      const std::string childPath = mhl::nestedPath(history, child);
+      if (std::optional<Written> written =
+              make(child.root, mhl::below(historyPath, childPath), child)) {
         MhlHashListReference reference;
         reference.path =
             joinPath(joinPath(childPath, std::string(kMhlHistoryFolderName)), written->fileName);
@@ -133,9 +126,7 @@ class GenerationMaker {
     const std::map<std::string, MhlFileRecord> records = mhlFileRecords(history);
 
     MhlManifest manifest;
-    manifest.creatorInfo.creationDate = MhlDateTime::fromTimePoint(started);
-    manifest.creatorInfo.hostName = hostName();
-    manifest.creatorInfo.tool = {"CorvaneSecurity", std::string(CorvaneSecurityVersionString)};
+    manifest.creatorInfo = mhl::creatorInfo(started);
     manifest.creatorInfo.authors = options_.authors;
     manifest.creatorInfo.location = options_.location;
     manifest.creatorInfo.comment = options_.comment;
@@ -182,11 +173,6 @@ class GenerationMaker {
       removeUnlistedManifests(folder, mhl::lastSequence(history));
     }
     return true;
-  }
-
-  static std::string relativeTo(const std::string& path, const std::string& root) {
-    const std::string prefix = root.back() == '/' ? root : root + "/";
-    return path.starts_with(prefix) ? path.substr(prefix.size()) : path;
   }
 
   void report(const std::string& historyPath, const std::string& path, MhlFileOutcome outcome,

@@ -44,10 +44,7 @@ void collect(const MhlHistory& history, const std::string& prefix,
     }
   }
   for (const MhlHistory& child : history.children) {
-    const std::string rootPrefix = history.root.back() == '/' ? history.root : history.root + "/";
-    const std::string childPath =
-        child.root.starts_with(rootPrefix) ? child.root.substr(rootPrefix.size()) : child.root;
-    collect(child, prefix.empty() ? childPath : prefix + "/" + childPath, byPath);
+    collect(child, mhl::below(prefix, mhl::nestedPath(history, child)), byPath);
   }
 }
 
@@ -61,11 +58,7 @@ MhlResult<std::string> flattenMhlHistory(const std::string& root, const std::str
   collect(*history, "", byPath);
 
   MhlManifest manifest;
-  manifest.creatorInfo.creationDate = MhlDateTime::fromTimePoint(started);
-  char host[256] = {};
-  manifest.creatorInfo.hostName =
-      ::gethostname(host, sizeof host - 1) == 0 && host[0] != '\0' ? host : "localhost";
-  manifest.creatorInfo.tool = {"CorvaneSecurity", std::string(CorvaneSecurityVersionString)};
+  manifest.creatorInfo = mhl::creatorInfo(started);
   manifest.processInfo.process = MhlProcess::flatten;
   manifest.processInfo.ignorePatterns = history->ignorePatterns();
   for (auto& [path, entry] : byPath) {

@@ -13,6 +13,7 @@
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/MhlHashFormat.hpp"
 #include "corvane/MhlIgnorePatterns.hpp"
+#include "corvane/Version.hpp"
 #include "mhl/MhlHistorySupport.hpp"
 
 namespace corvane {
@@ -42,6 +43,24 @@ MhlDateTime dateTimeOf(const FileTime& time) {
   return MhlDateTime::fromTimePoint(std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(
           std::chrono::seconds(time.seconds) + std::chrono::nanoseconds(time.nanoseconds))));
+}
+
+std::string nestedPath(const MhlHistory& parent, const MhlHistory& child) {
+  const std::string prefix = parent.root.back() == '/' ? parent.root : parent.root + "/";
+  return child.root.starts_with(prefix) ? child.root.substr(prefix.size()) : child.root;
+}
+
+std::string below(const std::string& folder, const std::string& path) {
+  return folder.empty() ? path : folder + "/" + path;
+}
+
+MhlCreatorInfo creatorInfo(std::chrono::system_clock::time_point time) {
+  MhlCreatorInfo info;
+  info.creationDate = MhlDateTime::fromTimePoint(time);
+  char host[256] = {};
+  info.hostName = ::gethostname(host, sizeof host - 1) == 0 && host[0] != '\0' ? host : "localhost";
+  info.tool = {"CorvaneSecurity", std::string(CorvaneSecurityVersionString)};
+  return info;
 }
 
 MhlDateTime now() { return MhlDateTime::fromTimePoint(std::chrono::system_clock::now()); }

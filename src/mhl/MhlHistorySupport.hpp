@@ -37,6 +37,15 @@ std::uint64_t lastSequence(const MhlHistory& history);
 // The name of the folder `root` (its last component after resolving ".", ".." and links).
 std::string scopeFolderName(const std::string& root);
 
+// Where the nested history `child` lies below `parent`'s scope ("A002R2EC").
+std::string nestedPath(const MhlHistory& parent, const MhlHistory& child);
+
+// `path` below `folder` ("" for the top): "folder/path".
+std::string below(const std::string& folder, const std::string& path);
+
+// The creator information every manifest we write starts from: this host, this library, `time`.
+MhlCreatorInfo creatorInfo(std::chrono::system_clock::time_point time);
+
 MhlDateTime dateTimeOf(const FileTime& time);
 MhlDateTime now();
 

@@ -27,10 +27,7 @@ class HistoryChecker {
   // Verifies (options != null) or diffs (null) `history` and its nested histories.
   void check(const MhlHistory& history, const std::string& historyPath) {
     for (const MhlHistory& child : history.children) {
-      const std::string prefix = history.root.back() == '/' ? history.root : history.root + "/";
-      const std::string childPath =
-          child.root.starts_with(prefix) ? child.root.substr(prefix.size()) : child.root;
-      check(child, historyPath.empty() ? childPath : historyPath + "/" + childPath);
+      check(child, mhl::below(historyPath, mhl::nestedPath(history, child)));
       if (stop_.stop_requested()) return;
     }
     const std::vector<std::string> patterns = history.ignorePatterns();
