@@ -96,6 +96,10 @@ AlgorithmPlan planAlgorithms(std::vector<ChecksumType> algorithms, unsigned proc
   const double withWaits = std::max(heaviest, waitedChain);
   const double allAtOnce = 1.1 * std::max(heaviest, total / double(processors));
   plan.unwaitedCount = withWaits <= allAtOnce ? unwaited : plan.handOffOrder.size();
+  // Algorithms that hash about as fast as the kernel copies pages (the xxHash family, CRC-32)
+  // gain nothing from a thread of their own: each hand-over costs a wake-up worth more than the
+  // hashing. They are absorbed on the reading thread, as xxhsum does.
+  if (heaviest <= 1) plan.unwaitedCount = 0;
   return plan;
 }
 
@@ -132,9 +136,15 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
 
   // A file the walk saw as small is read in cache-sized pieces; others in full chunks.
   const std::size_t chunkSize = settings_.chunkSize != 0 ? settings_.chunkSize : kDefaultChunkSize;
+  const std::vector<ChecksumType>& wanted =
+      item.algorithms.empty() ? settings_.algorithms : item.algorithms;
+  const AlgorithmPlan& plan = planFor(wanted);
+  // Bytes hashed on the reading thread are read in cache-sized pieces: a file the walk saw as
+  // small, or any file whose algorithms all run on this thread.
   const bool smallByWalk = item.entry.size != 0 && item.entry.size <= chunkSize;
   ReadOptions options;
-  options.chunkSize = smallByWalk ? std::min(chunkSize, kCachedPieceSize) : chunkSize;
+  options.chunkSize =
+      smallByWalk || plan.unwaitedCount == 0 ? std::min(chunkSize, kCachedPieceSize) : chunkSize;
   options.bypassCache = settings_.bypassCache || item.bypassCache;
   options.regularOnly = item.regularOnly;
   // A stream (a FIFO waiting for its writer, a pipe waiting for data) ends with the run's stop.
@@ -160,9 +170,6 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
   device = result.entry.device;
   if (item.entry.size == 0 && reader.isRegular()) counters_.bytesSeen += reader.expectedSize();
 
-  const std::vector<ChecksumType>& wanted =
-      item.algorithms.empty() ? settings_.algorithms : item.algorithms;
-  const AlgorithmPlan& plan = planFor(wanted);
   std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
   generators.reserve(plan.algorithms.size());
   for (const ChecksumType type : plan.algorithms) {
