@@ -26,8 +26,11 @@ namespace {
 
 }  // namespace
 
+// The stream's own put area stays empty, so every write reaches overflow() or xsputn() and takes
+// the lock: std::cerr is tied to std::cout, and the progress line's thread writing to stderr
+// flushes standard output from beside the thread that prints.
 StandardOutputBuffer::StandardOutputBuffer(int descriptor) : descriptor_(descriptor) {
-  setp(buffer_.data(), buffer_.data() + buffer_.size());
+  setp(nullptr, nullptr);
 }
 
 StandardOutputBuffer::~StandardOutputBuffer() { finish(); }
@@ -48,44 +51,52 @@ void StandardOutputBuffer::writeAll(const char* data, std::size_t length) {
   }
 }
 
-bool StandardOutputBuffer::drain() {
-  writeAll(pbase(), static_cast<std::size_t>(pptr() - pbase()));
-  setp(buffer_.data(), buffer_.data() + buffer_.size());
+bool StandardOutputBuffer::drainLocked() {
+  writeAll(buffer_.data(), used_);
+  used_ = 0;
   return error_ == 0;
 }
 
-StandardOutputBuffer::int_type StandardOutputBuffer::overflow(int_type c) {
-  if (!drain()) return traits_type::eof();
-  if (!traits_type::eq_int_type(c, traits_type::eof())) {
-    *pptr() = traits_type::to_char_type(c);
-    pbump(1);
+void StandardOutputBuffer::appendLocked(const char* text, std::size_t length) {
+  if (length > buffer_.size() - used_) {
+    if (!drainLocked()) return;
+    if (length >= buffer_.size()) {
+      writeAll(text, length);
+      return;
+    }
   }
-  return traits_type::not_eof(c);
+  std::memcpy(buffer_.data() + used_, text, length);
+  used_ += length;
 }
 
-int StandardOutputBuffer::sync() { return drain() ? 0 : -1; }
+StandardOutputBuffer::int_type StandardOutputBuffer::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  const std::lock_guard lock(mutex_);
+  const char character = traits_type::to_char_type(c);
+  appendLocked(&character, 1);
+  return error_ == 0 ? c : traits_type::eof();
+}
+
+int StandardOutputBuffer::sync() {
+  const std::lock_guard lock(mutex_);
+  return drainLocked() ? 0 : -1;
+}
 
 std::streamsize StandardOutputBuffer::xsputn(const char* text, std::streamsize count) {
-  const auto length = static_cast<std::size_t>(count);
-  if (length <= static_cast<std::size_t>(epptr() - pptr())) {
-    std::memcpy(pptr(), text, length);
-    pbump(static_cast<int>(length));
-    return count;
-  }
-  // Larger than what is left: write the buffer, then the text directly.
-  if (!drain()) return 0;
-  if (length < buffer_.size()) {
-    std::memcpy(pptr(), text, length);
-    pbump(static_cast<int>(length));
-    return count;
-  }
-  writeAll(text, length);
+  const std::lock_guard lock(mutex_);
+  appendLocked(text, static_cast<std::size_t>(count));
   return error_ == 0 ? count : 0;
 }
 
+int StandardOutputBuffer::error() const {
+  const std::lock_guard lock(mutex_);
+  return error_;
+}
+
 int StandardOutputBuffer::finish() {
+  const std::lock_guard lock(mutex_);
   if (closed_) return error_;
-  drain();
+  drainLocked();
   closed_ = true;
   // A delayed write error (a full disk over NFS, say) shows up only at the close. A standard
   // output that was closed before we started is an error only if something was to be written.

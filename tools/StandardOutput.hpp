@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <mutex>
 #include <streambuf>
 
 namespace corvane::tool {
@@ -24,7 +25,7 @@ class StandardOutputBuffer : public std::streambuf {
   // write, the final flush or the close, or 0. Output after finish() is dropped.
   int finish();
   // The errno of the first failed write so far, or 0.
-  int error() const { return error_; }
+  int error() const;
 
  protected:
   int_type overflow(int_type c) override;
@@ -32,15 +33,18 @@ class StandardOutputBuffer : public std::streambuf {
   std::streamsize xsputn(const char* text, std::streamsize count) override;
 
  private:
-  // Writes [pbase, pptr) and empties the buffer; false after a failure.
-  bool drain();
+  // Writes what is buffered and empties the buffer; false after a failure. With mutex_ held.
+  bool drainLocked();
+  void appendLocked(const char* text, std::size_t length);
   void writeAll(const char* data, std::size_t length);
 
+  mutable std::mutex mutex_;  // guards every member below and the writes to the descriptor
   int descriptor_;
   int error_ = 0;
   bool wroteAnything_ = false;
   bool closed_ = false;
   std::array<char, 1 << 16> buffer_{};
+  std::size_t used_ = 0;
 };
 
 // Points std::cout at a StandardOutputBuffer for as long as it lives, and restores it after.

@@ -44,6 +44,14 @@ using Clock = std::chrono::steady_clock;
 // Threads of this process that are not workers of the library's shared pool (which outlive runs
 // and retire on their own).
 std::size_t threadsOutsideThePool() {
+  // Runtimes may start a helper thread of their own with the first thread a process creates
+  // (ThreadSanitizer's background thread): create one first, so that it is already counted in a
+  // baseline taken before the run starts its threads.
+  static const bool runtimeThreadsStarted = [] {
+    std::thread([] {}).join();
+    return true;
+  }();
+  (void)runtimeThreadsStarted;
   std::size_t tasks = 0;
   std::error_code ignored;
   for (std::filesystem::directory_iterator it("/proc/self/task", ignored), end; it != end;
