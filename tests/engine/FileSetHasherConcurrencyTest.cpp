@@ -32,6 +32,7 @@
 #include "corvane/FileSetHasher.hpp"
 #include "dispatch/WorkerPool.hpp"
 #include "support/ScratchDirectory.hpp"
+#include "support/SlowStartObserver.hpp"
 #include "support/ToolRunner.hpp"
 #include "support/Vectors.hpp"
 
@@ -122,17 +123,7 @@ Delivered describe(const FileSetResult& result) {
   return delivered;
 }
 
-// Sleeps in readStarted, so that runs over small files last long enough to be interrupted.
-class SlowStartObserver : public ReadObserver {
- public:
-  explicit SlowStartObserver(std::chrono::milliseconds pause) : pause_(pause) {}
-  void readStarted(const std::string&, std::uint64_t) override {
-    std::this_thread::sleep_for(pause_);
-  }
-
- private:
-  std::chrono::milliseconds pause_;
-};
+using testsupport::SlowStartObserver;
 
 // ----- order ----------------------------------------------------------------------------------
 

@@ -36,6 +36,7 @@
 #include "engine/FileReader.hpp"
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
+#include "support/SlowStartObserver.hpp"
 #include "support/ToolRunner.hpp"
 #include "support/UnprivilegedUser.hpp"
 #include "support/Vectors.hpp"
@@ -223,17 +224,7 @@ class FirstBytesObserver : public ReadObserver {
   std::atomic<bool> fired_{false};
 };
 
-// Sleeps in readStarted, so that a run over small files lasts long enough to be stopped midway.
-class SlowStartObserver : public ReadObserver {
- public:
-  explicit SlowStartObserver(std::chrono::milliseconds pause) : pause_(pause) {}
-  void readStarted(const std::string&, std::uint64_t) override {
-    std::this_thread::sleep_for(pause_);
-  }
-
- private:
-  std::chrono::milliseconds pause_;
-};
+using testsupport::SlowStartObserver;
 
 // ----- checksums ------------------------------------------------------------------------------
 

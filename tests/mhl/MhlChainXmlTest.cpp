@@ -15,30 +15,15 @@
 
 #include "corvane/MhlManifest.hpp"
 #include "corvane/MhlXml.hpp"
+#include "support/MhlTestData.hpp"
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
+#include "support/ToolRunner.hpp"
 
 namespace corvane {
 namespace {
 
 using testsupport::ScratchDirectory;
-
-std::string dataPath(const std::string& name) {
-  return std::string(CORVANE_TEST_DATA_DIR) + "/ascmhl/" + name;
-}
-
-std::string shippedSchema(const std::string& name) {
-  return (std::filesystem::path(CORVANE_TEST_DATA_DIR) / ".." / ".." / "src" / "mhl" / "xsd" / name)
-      .lexically_normal()
-      .string();
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // A real C4 ID (SHA-512 of `seed`, from the test support's reference encoder).
 std::string c4Of(std::string_view seed) {
@@ -87,7 +72,7 @@ MhlChain roundTrip(const MhlChain& chain) {
 }
 
 TEST(MhlChainXml, ReadsTheExampleChain) {
-  const MhlResult<MhlChain> read = readMhlChain(dataPath("ascmhl_chain.xml"));
+  const MhlResult<MhlChain> read = readMhlChain(testsupport::ascmhlDataPath("ascmhl_chain.xml"));
   ASSERT_TRUE(read) << read.error().description();
   ASSERT_EQ(read->entries.size(), 1u);
   const MhlChainEntry& first = read->entries[0];
@@ -102,15 +87,17 @@ TEST(MhlChainXml, ReadsTheExampleChain) {
 }
 
 TEST(MhlChainXml, TheExampleValidatesWithOurSchemaAndWithXmllint) {
-  EXPECT_EQ(validateMhlChain(slurp(dataPath("ascmhl_chain.xml"))), std::nullopt);
+  EXPECT_EQ(
+      validateMhlChain(testsupport::readFile(testsupport::ascmhlDataPath("ascmhl_chain.xml"))),
+      std::nullopt);
   if (!xmllintAvailable()) GTEST_SKIP() << "xmllint is not installed (Debian: libxml2-utils)";
-  const auto [status, output] =
-      xmllint(shippedSchema("ASCMHLDirectory.xsd"), dataPath("ascmhl_chain.xml"));
+  const auto [status, output] = xmllint(testsupport::shippedMhlSchema("ASCMHLDirectory.xsd"),
+                                        testsupport::ascmhlDataPath("ascmhl_chain.xml"));
   EXPECT_EQ(status, 0) << output;
 }
 
 TEST(MhlChainXml, ReadWriteReadKeepsTheExample) {
-  const MhlResult<MhlChain> read = readMhlChain(dataPath("ascmhl_chain.xml"));
+  const MhlResult<MhlChain> read = readMhlChain(testsupport::ascmhlDataPath("ascmhl_chain.xml"));
   ASSERT_TRUE(read);
   EXPECT_EQ(roundTrip(*read), *read);
 }
@@ -149,7 +136,7 @@ TEST(MhlChainXml, EverythingWrittenValidatesWithXmllintToo) {
   if (!xmllintAvailable()) GTEST_SKIP() << "xmllint is not installed (Debian: libxml2-utils)";
   ScratchDirectory scratch;
   const std::string file = scratch.writeText("ascmhl_chain.xml", *written);
-  const auto [status, output] = xmllint(shippedSchema("ASCMHLDirectory.xsd"), file);
+  const auto [status, output] = xmllint(testsupport::shippedMhlSchema("ASCMHLDirectory.xsd"), file);
   EXPECT_EQ(status, 0) << output << *written;
 }
 
@@ -329,8 +316,9 @@ TEST(MhlChainXml, HostileXmlIsRefused) {
 }
 
 TEST(MhlChainXml, AManifestIsNotAChainAndAChainIsNotAManifest) {
-  const std::string manifest = slurp(dataPath("0001_TEST01_2019-10-11_155603.mhl"));
-  const std::string chain = slurp(dataPath("ascmhl_chain.xml"));
+  const std::string manifest =
+      testsupport::readFile(testsupport::ascmhlDataPath("0001_TEST01_2019-10-11_155603.mhl"));
+  const std::string chain = testsupport::readFile(testsupport::ascmhlDataPath("ascmhl_chain.xml"));
   const MhlResult<MhlChain> asChain = parseMhlChain(manifest, "m.mhl");
   ASSERT_FALSE(asChain);
   EXPECT_EQ(asChain.error().kind, MhlErrorKind::schemaViolation);

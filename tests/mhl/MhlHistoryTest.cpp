@@ -32,6 +32,7 @@
 #include "corvane/MhlHashFormat.hpp"
 #include "corvane/MhlHistory.hpp"
 #include "corvane/MhlXml.hpp"
+#include "support/MhlTestData.hpp"
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
 #include "support/ToolRunner.hpp"
@@ -51,12 +52,6 @@ using testsupport::shellQuote;
 constexpr std::time_t kKnownModification = 1600000000;
 // xxhsum -H1 /dev/null.
 constexpr const char* kXxh64OfNothing = "ef46db3751d8e999";
-
-std::string shippedSchema(const std::string& name) {
-  return (fs::path(CORVANE_TEST_DATA_DIR) / ".." / ".." / "src" / "mhl" / "xsd" / name)
-      .lexically_normal()
-      .string();
-}
 
 // Whether `text` has the shape `shape`: '#' stands for one digit, other characters for themselves.
 bool matchesShape(std::string_view text, std::string_view shape) {
@@ -213,9 +208,9 @@ std::string c4OfBytes(const std::string& bytes) {
 // is not installed.
 void expectXmllintAccepts(const std::string& schema, const std::string& file) {
   if (!testsupport::haveProgram("xmllint")) return;
-  const testsupport::RunResult result =
-      testsupport::runShell("xmllint --nonet --noout --schema " +
-                            shellQuote(shippedSchema(schema)) + " " + shellQuote(file) + " 2>&1");
+  const testsupport::RunResult result = testsupport::runShell(
+      "xmllint --nonet --noout --schema " + shellQuote(testsupport::shippedMhlSchema(schema)) +
+      " " + shellQuote(file) + " 2>&1");
   EXPECT_EQ(result.status, 0) << file << ": " << result.out;
 }
 

@@ -22,8 +22,10 @@
 
 #include "corvane/MhlManifest.hpp"
 #include "corvane/MhlXml.hpp"
+#include "support/MhlTestData.hpp"
 #include "support/References.hpp"
 #include "support/ScratchDirectory.hpp"
+#include "support/ToolRunner.hpp"
 
 namespace corvane {
 namespace {
@@ -31,23 +33,6 @@ namespace {
 using testsupport::ScratchDirectory;
 
 const std::string kExampleName = "0001_TEST01_2019-10-11_155603.mhl";
-
-std::string dataPath(const std::string& name) {
-  return std::string(CORVANE_TEST_DATA_DIR) + "/ascmhl/" + name;
-}
-
-std::string shippedSchema(const std::string& name) {
-  return (std::filesystem::path(CORVANE_TEST_DATA_DIR) / ".." / ".." / "src" / "mhl" / "xsd" / name)
-      .lexically_normal()
-      .string();
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
@@ -181,7 +166,7 @@ MhlManifest roundTrip(const MhlManifest& manifest) {
 // ----- the example manifest ------------------------------------------------------------------
 
 TEST(MhlManifestXml, ReadsTheExampleManifestFieldByField) {
-  const MhlResult<MhlManifest> read = readMhlManifest(dataPath(kExampleName));
+  const MhlResult<MhlManifest> read = readMhlManifest(testsupport::ascmhlDataPath(kExampleName));
   ASSERT_TRUE(read) << read.error().description();
   const MhlManifest& m = *read;
 
@@ -244,14 +229,17 @@ TEST(MhlManifestXml, ReadsTheExampleManifestFieldByField) {
 }
 
 TEST(MhlManifestXml, TheExampleValidatesWithOurSchemaAndWithXmllint) {
-  EXPECT_EQ(validateMhlManifest(slurp(dataPath(kExampleName)), kExampleName), std::nullopt);
+  EXPECT_EQ(validateMhlManifest(testsupport::readFile(testsupport::ascmhlDataPath(kExampleName)),
+                                kExampleName),
+            std::nullopt);
   if (!xmllintAvailable()) GTEST_SKIP() << "xmllint is not installed (Debian: libxml2-utils)";
-  const auto [status, output] = xmllint(shippedSchema("ASCMHL.xsd"), dataPath(kExampleName));
+  const auto [status, output] = xmllint(testsupport::shippedMhlSchema("ASCMHL.xsd"),
+                                        testsupport::ascmhlDataPath(kExampleName));
   EXPECT_EQ(status, 0) << output;
 }
 
 TEST(MhlManifestXml, WritingRefusesTheMadeUpC4ValuesOfTheExample) {
-  const MhlResult<MhlManifest> read = readMhlManifest(dataPath(kExampleName));
+  const MhlResult<MhlManifest> read = readMhlManifest(testsupport::ascmhlDataPath(kExampleName));
   ASSERT_TRUE(read);
   const MhlResult<std::string> written = writeMhlManifest(*read);
   ASSERT_FALSE(written);
@@ -262,7 +250,7 @@ TEST(MhlManifestXml, WritingRefusesTheMadeUpC4ValuesOfTheExample) {
 }
 
 TEST(MhlManifestXml, ReadWriteReadKeepsEveryValueOfTheExample) {
-  MhlResult<MhlManifest> read = readMhlManifest(dataPath(kExampleName));
+  MhlResult<MhlManifest> read = readMhlManifest(testsupport::ascmhlDataPath(kExampleName));
   ASSERT_TRUE(read);
   // The made-up reference values replaced by real C4 IDs; everything else as the example has it.
   read->references[0].c4.value = c4Of("A002R2EC");
@@ -325,8 +313,8 @@ TEST(MhlManifestXml, EverythingWrittenValidatesWithXmllintToo) {
   }
   if (!xmllintAvailable()) GTEST_SKIP() << "xmllint is not installed (Debian: libxml2-utils)";
   for (const std::string& file : files) {
-    const auto [status, output] = xmllint(shippedSchema("ASCMHL.xsd"), file);
-    EXPECT_EQ(status, 0) << output << slurp(file);
+    const auto [status, output] = xmllint(testsupport::shippedMhlSchema("ASCMHL.xsd"), file);
+    EXPECT_EQ(status, 0) << output << testsupport::readFile(file);
   }
 }
 
@@ -935,7 +923,7 @@ TEST(MhlError, DescriptionLeavesOutWhatIsNotKnown) {
 }
 
 TEST(MhlManifestXml, ManyThreadsReadAndWriteAtOnce) {
-  const std::string example = slurp(dataPath(kExampleName));
+  const std::string example = testsupport::readFile(testsupport::ascmhlDataPath(kExampleName));
   const MhlResult<std::string> full = writeMhlManifest(fullManifest());
   ASSERT_TRUE(full);
   std::vector<std::thread> threads;
