@@ -29,6 +29,9 @@ constexpr std::size_t kProbeLength = 4096;
 // logical block; 4096 covers the 512-byte and 4 KiB devices in use.
 constexpr std::size_t kDirectAlignment = 4096;
 
+// The cache line, the unit in which the kernel's copy to a read buffer is aligned or not.
+constexpr std::size_t kCopyLine = 64;
+
 // Buffers a reader keeps for itself: one per chunk its consumers hold at once (the hashing
 // queues take a handful), plus the one being filled. Beyond this, chunks are not tracked for
 // reuse (they are freed by whoever releases them last).
@@ -501,6 +504,19 @@ SharedBytes FileReader::next() {
   Bytes* buffer = &slot->bytes;
   if (buffer->capacity() < length) buffer->clear();  // nothing worth copying on reallocation
   buffer->resize(length);
+  if (s.options.flexibleChunks && s.regular && !s.direct && fromProbe == 0 &&
+      s.remaining > length && length > kCopyLine) {
+    // The kernel copies from the page cache fastest when source and destination agree modulo a
+    // cache line (about 15 % faster on 128 KiB pieces here); large buffers start 16 bytes into a
+    // page. One shorter read brings the file offset in step with the buffer, after which every
+    // full read stays in step.
+    const std::size_t skew =
+        (reinterpret_cast<std::uintptr_t>(buffer->data()) - s.position) & (kCopyLine - 1);
+    if (skew != 0) {
+      length -= kCopyLine - skew;
+      buffer->resize(length);
+    }
+  }
   if (fromProbe > 0) std::memcpy(buffer->data(), s.probe.data(), fromProbe);
   std::size_t filled = fromProbe;
   s.position += fromProbe;

@@ -68,6 +68,10 @@ struct ReadOptions {
   // the device there, so that bytes already in memory are never held back by a device limit.
   // False ends reading as stopped. Empty: nothing to call.
   std::function<bool()> beforeDiskRead{};
+  // Chunk lengths may differ from chunkSize (never beyond it): the first read of a regular file
+  // may be shorter so that the kernel's copies from the page cache are cache-line aligned. For
+  // consumers that do not count chunks.
+  bool flexibleChunks = false;
 };
 
 class FileReader {

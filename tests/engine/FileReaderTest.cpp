@@ -182,6 +182,30 @@ TEST(FileReader, FilesAroundTheChunkSizeGiveExactlyTheirBytes) {
   }
 }
 
+TEST(FileReader, FlexibleChunksShortenOnlyTheFirstReadToAlignTheCopies) {
+  ScratchDirectory scratch;
+  constexpr std::size_t kChunk = 128 * kKiB;
+  const Bytes content = seededRandomBytes(9 * kChunk + 333);
+  const std::string path = scratch.writeFile("file", content);
+  FileReader reader = FileReader::open(path, {.chunkSize = kChunk, .flexibleChunks = true});
+  ASSERT_FALSE(reader.error());
+  Bytes all;
+  std::vector<std::size_t> lengths;
+  std::uintptr_t firstAddress = 0;
+  while (SharedBytes chunk = reader.next()) {
+    if (lengths.empty()) firstAddress = reinterpret_cast<std::uintptr_t>(chunk->data());
+    lengths.push_back(chunk->size());
+    all.insert(all.end(), chunk->begin(), chunk->end());
+  }
+  EXPECT_EQ(all, content);
+  EXPECT_FALSE(reader.finish());
+  ASSERT_GE(lengths.size(), 10u);
+  // The one buffer is reused; after the first read the file offset agrees with it modulo 64.
+  EXPECT_LE(lengths[0], kChunk);
+  EXPECT_EQ((firstAddress - lengths[0]) % 64, 0u);
+  for (std::size_t k = 1; k + 1 < lengths.size(); ++k) EXPECT_EQ(lengths[k], kChunk) << k;
+}
+
 TEST(FileReader, DefaultChunkSizeApplies) {
   ScratchDirectory scratch;
   const Bytes content = seededRandomBytes(2 * kDefaultChunkSize + 3);
