@@ -118,6 +118,13 @@ struct CORVANE_API MhlReport {
   bool clean() const;
 };
 
+// What a caller of createMhlGeneration already knows of one file (see knownChecksums).
+struct CORVANE_API MhlKnownFile {
+  std::uint64_t size = 0;
+  FileTime modified;
+  ChecksumLookup checksums;
+};
+
 struct CORVANE_API MhlCreateOptions {
   // The formats to hash every file with (ASC MHL formats only); default xxh64.
   std::vector<ChecksumType> formats = {ChecksumTypeXXHash64};
@@ -133,6 +140,12 @@ struct CORVANE_API MhlCreateOptions {
   FileSetSettings engine;
   // Called for every file report as it is settled, in path order (progress, output).
   std::function<void(const MhlFileReport&)> onFile;
+  // Checksums the caller already computed from a file's bytes (an offload that read the source
+  // or read its copies back), asked for by path relative to `root` (the top root, also for files
+  // of nested histories). A file is not read again when the answer holds every format it needs
+  // and its size and modification time equal the file's now; otherwise it is hashed as usual.
+  // Empty: every file is read.
+  std::function<std::optional<MhlKnownFile>(const std::string& relativePath)> knownChecksums;
 };
 
 // Hashes every file of `root` not ignored and not in a nested history, checks the files the

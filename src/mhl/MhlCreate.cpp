@@ -91,8 +91,10 @@ bool inside(const std::string& path, const std::string& folder) {
 
 class GenerationMaker {
  public:
-  GenerationMaker(const MhlCreateOptions& options, std::stop_token stop, MhlReport& report)
+  GenerationMaker(const MhlCreateOptions& options, std::map<std::string, mhl::ScopeWalk> scopes,
+                  std::stop_token stop, MhlReport& report)
       : options_(options),
+        scopes_(std::move(scopes)),
         stop_(std::move(stop)),
         report_(report),
         started_(std::chrono::system_clock::now()) {}
@@ -122,7 +124,10 @@ class GenerationMaker {
 
     const std::vector<std::string> patterns =
         MhlIgnorePatterns::mergePatterns(history.ignorePatterns(), options_.ignorePatterns);
-    const mhl::ScopeWalk scope = mhl::walkScope(root, patterns);
+    // The walk made while the history was read, when there was one.
+    const auto walked = scopes_.find(root);
+    const mhl::ScopeWalk scope =
+        walked != scopes_.end() ? std::move(walked->second) : mhl::walkScope(root, patterns);
     const std::map<std::string, MhlFileRecord> records = mhlFileRecords(history);
 
     MhlManifest manifest;
@@ -145,8 +150,9 @@ class GenerationMaker {
       report_.stopped = true;
       return std::nullopt;
     }
+    const MhlIgnorePatterns ignore(patterns);
     for (const auto& [path, record] : records) {
-      if (seen.contains(path) || MhlIgnorePatterns(patterns).ignores(path, false)) continue;
+      if (seen.contains(path) || ignore.ignores(path, false)) continue;
       report(historyPath, path, MhlFileOutcome::missing, "", {});
     }
     if (options_.directoryHashes) {
@@ -182,24 +188,78 @@ class GenerationMaker {
     report_.files.push_back(std::move(file));
   }
 
+  // The formats `entry` must be hashed with, and what the caller already knows of it when that
+  // covers them and still describes the file.
+  std::optional<FileSetResult> knownResult(const WalkEntry& entry, const std::string& historyPath,
+                                           const std::vector<ChecksumType>& formats) const {
+    if (!options_.knownChecksums) return std::nullopt;
+    std::optional<MhlKnownFile> known =
+        options_.knownChecksums(mhl::below(historyPath, entry.relativePath));
+    if (!known || known->size != entry.size || !(known->modified == entry.modified)) {
+      return std::nullopt;
+    }
+    FileSetResult result;
+    result.entry = entry;
+    result.size = known->size;
+    result.modified = known->modified;
+    for (const ChecksumType type : formats) {
+      const auto value = known->checksums.find(type);
+      if (value == known->checksums.end()) return std::nullopt;
+      result.checksums.insert(*value);
+    }
+    return result;
+  }
+
   void hashFiles(const mhl::ScopeWalk& scope, const std::map<std::string, MhlFileRecord>& records,
                  const std::string& historyPath, MhlManifest& manifest, MhlDirectoryTree& tree,
                  std::vector<std::string>& unreadableFiles, std::set<std::string>& seen) {
+    // Results by position in the scope: those the caller knew are there from the start, the
+    // engine fills in the rest; each is recorded as soon as every earlier one was.
+    const std::size_t count = scope.files.size();
+    std::vector<std::optional<FileSetResult>> results(count);
+    std::vector<bool> settled(count, false);
+    std::vector<std::size_t> toRead;
+    for (std::size_t k = 0; k < count; ++k) {
+      const WalkEntry& entry = scope.files[k];
+      if (!recordableName(entry.relativePath)) {
+        settled[k] = true;  // reported when its turn comes
+        continue;
+      }
+      const auto record = records.find(entry.relativePath);
+      const std::vector<ChecksumType> formats =
+          formatsFor(options_.formats, record == records.end() ? nullptr : &record->second);
+      if ((results[k] = knownResult(entry, historyPath, formats))) {
+        settled[k] = true;
+      } else {
+        toRead.push_back(k);
+      }
+    }
+    std::size_t nextToRecord = 0;
+    const auto recordSettled = [&] {
+      for (; nextToRecord < count && settled[nextToRecord]; ++nextToRecord) {
+        const WalkEntry& entry = scope.files[nextToRecord];
+        seen.insert(entry.relativePath);
+        if (!results[nextToRecord]) {
+          unreadableFiles.push_back(entry.relativePath);
+          report(historyPath, entry.relativePath, MhlFileOutcome::unreadable,
+                 "the name is not UTF-8 text that ASC MHL can record", {});
+          continue;
+        }
+        recordResult(std::move(*results[nextToRecord]), records, historyPath, manifest, tree,
+                     unreadableFiles);
+        results[nextToRecord].reset();
+      }
+    };
+    recordSettled();
+
     FileSetSettings settings = options_.engine;
     settings.algorithms = options_.formats;
     const FileSetHasher hasher(settings);
     std::size_t next = 0;
     hasher.run(
         FileSetInput::generator([&]() -> std::optional<FileSetItem> {
-          while (next < scope.files.size() && !recordableName(scope.files[next].relativePath)) {
-            const WalkEntry& entry = scope.files[next++];
-            seen.insert(entry.relativePath);
-            unreadableFiles.push_back(entry.relativePath);
-            report(historyPath, entry.relativePath, MhlFileOutcome::unreadable,
-                   "the name is not UTF-8 text that ASC MHL can record", {});
-          }
-          if (next >= scope.files.size()) return std::nullopt;
-          const WalkEntry& entry = scope.files[next++];
+          if (next >= toRead.size()) return std::nullopt;
+          const WalkEntry& entry = scope.files[toRead[next++]];
           FileSetItem item;
           item.entry = entry;
           item.regularOnly = true;
@@ -209,55 +269,65 @@ class GenerationMaker {
           return item;
         }),
         [&](FileSetResult&& result) {
-          const std::string& path = result.entry.relativePath;
-          seen.insert(path);
-          if (!result.ok()) {
-            unreadableFiles.push_back(path);
-            report(historyPath, path, MhlFileOutcome::unreadable, result.error.message, {});
-            return;
-          }
-          const auto record = records.find(path);
-          MhlHashEntry entry;
-          entry.path = path;
-          entry.size = result.size;
-          if (result.modified) entry.lastModificationDate = mhl::dateTimeOf(*result.modified);
-          MhlFileOutcome outcome = MhlFileOutcome::original;
-          std::string detail;
-          for (const auto& [type, value] : result.checksums) {
-            MhlHash hash;
-            hash.format = mhl::formatNameOf(type);
-            hash.value = value;
-            hash.action = MhlHashAction::original;
-            if (record != records.end()) {
-              const auto recorded = record->second.usableHashes.find(type.rawValue());
-              if (recorded != record->second.usableHashes.end()) {
-                if (recorded->second == value) {
-                  hash.action = MhlHashAction::verified;
-                  if (outcome == MhlFileOutcome::original) outcome = MhlFileOutcome::verified;
-                } else {
-                  hash.action = MhlHashAction::failed;
-                  outcome = MhlFileOutcome::failed;
-                  detail = hash.format + " " + recorded->second + " != " + value;
-                }
-              }
-            }
-            if (std::find(options_.formats.begin(), options_.formats.end(), type) !=
-                options_.formats.end()) {
-              tree.addFile(path, type, value);
-            }
-            entry.hashes.push_back(std::move(hash));
-          }
-          if (outcome == MhlFileOutcome::failed) {
-            // A format new to a failing file would get an `original` of the changed bytes, which
-            // verification could then use: changed files are never rehabilitated (ASC MHL 5.6.4).
-            std::erase_if(entry.hashes, [](const MhlHash& hash) {
-              return hash.action == MhlHashAction::original;
-            });
-          }
-          manifest.hashes.push_back(std::move(entry));
-          report(historyPath, path, outcome, std::move(detail), result.checksums);
+          const std::size_t k = toRead[result.index];
+          results[k] = std::move(result);
+          settled[k] = true;
+          recordSettled();
         },
         stop_);
+    if (!stop_.stop_requested()) recordSettled();
+  }
+
+  // Records one hashed (or failed) file: its entry in the manifest, its verdict against the
+  // history's records, its place in the directory hashes.
+  void recordResult(FileSetResult&& result, const std::map<std::string, MhlFileRecord>& records,
+                    const std::string& historyPath, MhlManifest& manifest, MhlDirectoryTree& tree,
+                    std::vector<std::string>& unreadableFiles) {
+    const std::string& path = result.entry.relativePath;
+    if (!result.ok()) {
+      unreadableFiles.push_back(path);
+      report(historyPath, path, MhlFileOutcome::unreadable, result.error.message, {});
+      return;
+    }
+    const auto record = records.find(path);
+    MhlHashEntry entry;
+    entry.path = path;
+    entry.size = result.size;
+    if (result.modified) entry.lastModificationDate = mhl::dateTimeOf(*result.modified);
+    MhlFileOutcome outcome = MhlFileOutcome::original;
+    std::string detail;
+    for (const auto& [type, value] : result.checksums) {
+      MhlHash hash;
+      hash.format = mhl::formatNameOf(type);
+      hash.value = value;
+      hash.action = MhlHashAction::original;
+      if (record != records.end()) {
+        const auto recorded = record->second.usableHashes.find(type.rawValue());
+        if (recorded != record->second.usableHashes.end()) {
+          if (recorded->second == value) {
+            hash.action = MhlHashAction::verified;
+            if (outcome == MhlFileOutcome::original) outcome = MhlFileOutcome::verified;
+          } else {
+            hash.action = MhlHashAction::failed;
+            outcome = MhlFileOutcome::failed;
+            detail = hash.format + " " + recorded->second + " != " + value;
+          }
+        }
+      }
+      if (std::find(options_.formats.begin(), options_.formats.end(), type) !=
+          options_.formats.end()) {
+        tree.addFile(path, type, value);
+      }
+      entry.hashes.push_back(std::move(hash));
+    }
+    if (outcome == MhlFileOutcome::failed) {
+      // A format new to a failing file would get an `original` of the changed bytes, which
+      // verification could then use: changed files are never rehabilitated (ASC MHL 5.6.4).
+      std::erase_if(entry.hashes,
+                    [](const MhlHash& hash) { return hash.action == MhlHashAction::original; });
+    }
+    manifest.hashes.push_back(std::move(entry));
+    report(historyPath, path, outcome, std::move(detail), result.checksums);
   }
 
   void addDirectoryHashes(const mhl::ScopeWalk& scope, MhlDirectoryTree& tree,
@@ -352,6 +422,7 @@ class GenerationMaker {
   }
 
   const MhlCreateOptions& options_;
+  std::map<std::string, mhl::ScopeWalk> scopes_;
   std::stop_token stop_;
   MhlReport& report_;
   const std::chrono::system_clock::time_point started_;
@@ -374,13 +445,14 @@ MhlReport createMhlGeneration(const std::string& root, const MhlCreateOptions& o
     return report;
   }
   std::vector<MhlError> problems;
-  const MhlHistory history = mhl::loadHistory(root, problems);
+  std::map<std::string, mhl::ScopeWalk> scopes;
+  const MhlHistory history = mhl::loadHistory(root, problems, options.ignorePatterns, &scopes);
   if (!problems.empty()) {
     // Appending to a history that does not verify would hide what broke it.
     report.problems = std::move(problems);
     return report;
   }
-  GenerationMaker(options, std::move(stop), report).make(root, "", history);
+  GenerationMaker(options, std::move(scopes), std::move(stop), report).make(root, "", history);
   return report;
 }
 

@@ -142,7 +142,9 @@ MhlResult<std::string> readBytes(const std::string& path) {
 
 }  // namespace
 
-MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems) {
+MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems,
+                       const std::vector<std::string>& extraPatterns,
+                       std::map<std::string, ScopeWalk>* scopes) {
   MhlHistory history;
   history.root = root;
   const std::string folder = historyFolder(root);
@@ -177,10 +179,13 @@ MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems)
     }
   }
   // Nested histories: folders below the scope that hold their own history.
-  const ScopeWalk scope = walkScope(root, history.ignorePatterns());
+  ScopeWalk scope = walkScope(
+      root, MhlIgnorePatterns::mergePatterns(history.ignorePatterns(), extraPatterns));
   for (const std::string& nested : scope.nestedRoots) {
-    history.children.push_back(loadHistory(joinPath(root, nested), problems));
+    history.children.push_back(
+        loadHistory(joinPath(root, nested), problems, extraPatterns, scopes));
   }
+  if (scopes != nullptr) (*scopes)[root] = std::move(scope);
   return history;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,10 +16,16 @@ namespace corvane::mhl {
 // `root` + "/ascmhl".
 std::string historyFolder(const std::string& root);
 
+struct ScopeWalk;
+
 // Reads the history of `root` and its nested histories. Every manifest the chain lists is read,
 // its bytes checked against the chain's C4 ID and parsed (with schema validation); what goes
-// wrong is added to `problems` and the rest is still read.
-MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems);
+// wrong is added to `problems` and the rest is still read. Nested histories are found by walking
+// each scope with the history's ignore patterns plus `extraPatterns`; with `scopes`, those walks
+// are kept there by history root, so that the caller need not walk the tree again.
+MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems,
+                       const std::vector<std::string>& extraPatterns = {},
+                       std::map<std::string, ScopeWalk>* scopes = nullptr);
 
 // The entries of the scope `root` that a history covers: files and folders below it, without what
 // `patterns` ignore and without the folders of nested histories (whose relative paths go to

@@ -21,8 +21,9 @@ const std::vector<ChecksumType>& formatsByCost() {
 
 class HistoryChecker {
  public:
-  HistoryChecker(const MhlVerifyOptions* options, std::stop_token stop, MhlReport& report)
-      : options_(options), stop_(std::move(stop)), report_(report) {}
+  HistoryChecker(const MhlVerifyOptions* options, std::map<std::string, mhl::ScopeWalk> scopes,
+                 std::stop_token stop, MhlReport& report)
+      : options_(options), scopes_(std::move(scopes)), stop_(std::move(stop)), report_(report) {}
 
   // Verifies (options != null) or diffs (null) `history` and its nested histories.
   void check(const MhlHistory& history, const std::string& historyPath) {
@@ -31,7 +32,10 @@ class HistoryChecker {
       if (stop_.stop_requested()) return;
     }
     const std::vector<std::string> patterns = history.ignorePatterns();
-    const mhl::ScopeWalk scope = mhl::walkScope(history.root, patterns);
+    // The walk made while the history was read, when there was one.
+    const auto walked = scopes_.find(history.root);
+    const mhl::ScopeWalk scope = walked != scopes_.end() ? std::move(walked->second)
+                                                         : mhl::walkScope(history.root, patterns);
     const std::map<std::string, MhlFileRecord> records = mhlFileRecords(history);
     for (const WalkEntry& entry : scope.problems) {
       report(historyPath, entry.relativePath, MhlFileOutcome::unreadable, entry.reason(), {});
@@ -192,6 +196,7 @@ class HistoryChecker {
   }
 
   const MhlVerifyOptions* options_;
+  std::map<std::string, mhl::ScopeWalk> scopes_;
   std::stop_token stop_;
   MhlReport& report_;
 };
@@ -201,15 +206,17 @@ class HistoryChecker {
 MhlReport verifyMhlHistory(const std::string& root, const MhlVerifyOptions& options,
                            std::stop_token stop) {
   MhlReport report;
-  const MhlHistory history = mhl::loadHistory(root, report.problems);
-  HistoryChecker(&options, std::move(stop), report).check(history, "");
+  std::map<std::string, mhl::ScopeWalk> scopes;
+  const MhlHistory history = mhl::loadHistory(root, report.problems, {}, &scopes);
+  HistoryChecker(&options, std::move(scopes), std::move(stop), report).check(history, "");
   return report;
 }
 
 MhlReport diffMhlHistory(const std::string& root) {
   MhlReport report;
-  const MhlHistory history = mhl::loadHistory(root, report.problems);
-  HistoryChecker(nullptr, {}, report).check(history, "");
+  std::map<std::string, mhl::ScopeWalk> scopes;
+  const MhlHistory history = mhl::loadHistory(root, report.problems, {}, &scopes);
+  HistoryChecker(nullptr, std::move(scopes), {}, report).check(history, "");
   return report;
 }
 

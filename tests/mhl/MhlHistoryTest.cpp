@@ -332,6 +332,81 @@ TEST(MhlHistoryCreate, FirstGenerationWritesOneManifestAndTheChain) {
   EXPECT_EQ(mhlFileRecords(history).size(), 2U);
 }
 
+// What stat says of `path`, as the walk sees it.
+MhlKnownFile knownFileOf(const std::string& path, ChecksumLookup checksums) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return MhlKnownFile{static_cast<std::uint64_t>(status.st_size),
+                      FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec},
+                      std::move(checksums)};
+}
+
+TEST(MhlHistoryCreate, KnownChecksumsAreRecordedWithoutReadingTheFile) {
+  Tree tree;
+  const std::string stuff = tree.write("Stuff.txt", "stuff\n");
+  const std::string a1 = tree.write("A/A1.txt", "A1\n");
+  const std::string b1 = tree.write("B/B1.txt", "B1\n");
+  // A value no file has: if it lands in the manifest, the file was not read.
+  const std::string invented = "0123456789abcdef";
+  MhlCreateOptions options;
+  options.formats = {ChecksumTypeXXHash64};
+  std::vector<std::string> asked;
+  options.knownChecksums = [&](const std::string& path) -> std::optional<MhlKnownFile> {
+    asked.push_back(path);
+    if (path == "Stuff.txt") return knownFileOf(stuff, {{ChecksumTypeXXHash64, invented}});
+    if (path == "A/A1.txt") {
+      // Stale: the size is not the file's any more, so the file is read.
+      MhlKnownFile known = knownFileOf(a1, {{ChecksumTypeXXHash64, invented}});
+      known.size += 1;
+      return known;
+    }
+    // Known, but not in the format asked for: read.
+    return knownFileOf(b1, {{ChecksumTypeMD5, "00000000000000000000000000000000"}});
+  };
+  const MhlReport report = createMhlGeneration(tree.root(), options);
+  ASSERT_TRUE(report.clean()) << describe(report);
+  EXPECT_EQ(asked, (std::vector<std::string>{"A/A1.txt", "B/B1.txt", "Stuff.txt"}));
+  ASSERT_EQ(report.manifestsWritten.size(), 1U);
+  const MhlResult<MhlManifest> manifest =
+      readMhlManifest(tree.root() + "/" + report.manifestsWritten[0]);
+  ASSERT_TRUE(manifest) << manifest.error().description();
+  ASSERT_NE(entryOf(*manifest, "Stuff.txt"), nullptr);
+  EXPECT_EQ(valueOf(entryOf(*manifest, "Stuff.txt")->hashes, "xxh64"), invented);
+  ASSERT_NE(entryOf(*manifest, "A/A1.txt"), nullptr);
+  EXPECT_EQ(valueOf(entryOf(*manifest, "A/A1.txt")->hashes, "xxh64"), toolHash("xxhsum -H1", a1));
+  ASSERT_NE(entryOf(*manifest, "B/B1.txt"), nullptr);
+  EXPECT_EQ(valueOf(entryOf(*manifest, "B/B1.txt")->hashes, "xxh64"), toolHash("xxhsum -H1", b1));
+  // The manifest lists the files in path order whatever was known.
+  ASSERT_EQ(manifest->hashes.size(), 3U);
+  EXPECT_EQ(manifest->hashes[0].path, "A/A1.txt");
+  EXPECT_EQ(manifest->hashes[1].path, "B/B1.txt");
+  EXPECT_EQ(manifest->hashes[2].path, "Stuff.txt");
+}
+
+TEST(MhlHistoryCreate, KnownChecksumsOfANestedHistoryAreAskedByTheirPathFromTheTop) {
+  Tree tree;
+  tree.write("Card/Clip.mov", "clip\n");
+  const std::string inner = tree.write("Card/Inner/Take.mov", "take\n");
+  ASSERT_TRUE(create(tree.path("Card/Inner")).clean());
+  const std::string invented = "fedcba9876543210";
+  MhlCreateOptions options;
+  std::vector<std::string> asked;
+  options.knownChecksums = [&](const std::string& path) -> std::optional<MhlKnownFile> {
+    asked.push_back(path);
+    if (path == "Card/Inner/Take.mov") {
+      return knownFileOf(inner, {{ChecksumTypeXXHash64, invented}});
+    }
+    return std::nullopt;
+  };
+  const MhlReport report = createMhlGeneration(tree.root(), options);
+  // The nested history recorded the real value before: the invented one fails against it, which
+  // proves it was used.
+  EXPECT_EQ(outcomeOf(report, "Take.mov", "Card/Inner"), MhlFileOutcome::failed)
+      << describe(report);
+  EXPECT_EQ(outcomeOf(report, "Card/Clip.mov"), MhlFileOutcome::original) << describe(report);
+  EXPECT_EQ(asked, (std::vector<std::string>{"Card/Inner/Take.mov", "Card/Clip.mov"}));
+}
+
 TEST(MhlHistoryCreate, ReportsEveryFileAsItIsSettledInPathOrder) {
   Tree tree;
   tree.write("b.txt", "b");
