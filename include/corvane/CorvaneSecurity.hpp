@@ -24,6 +24,7 @@
 #include "corvane/MhlDirectoryHash.hpp"
 #include "corvane/MhlHashFormat.hpp"
 #include "corvane/MhlHistory.hpp"
+#include "corvane/OffloadJob.hpp"
 #include "corvane/MhlIgnorePatterns.hpp"
 #include "corvane/MhlManifest.hpp"
 #include "corvane/MhlXml.hpp"
