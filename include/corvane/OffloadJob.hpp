@@ -154,7 +154,8 @@ struct CORVANE_API OffloadSettings {
   // xxh128, c4) are possible: with another one `recordMhl` must be false. Default xxHash64.
   std::vector<ChecksumType> algorithms = {ChecksumTypeXXHash64};
   OffloadVerification verification = OffloadVerification::readBack;
-  // Replace files at the targets that differ from the source.
+  // Replace the files at the targets: each is written again (identical ones too, as they are
+  // not read first) and replaces the old one atomically once complete.
   bool overwrite = false;
   // Only check existing copies against the source: nothing is written (missing copies fail).
   bool verifyOnly = false;

@@ -51,7 +51,9 @@ std::string differences(const std::vector<ChecksumType>& algorithms, const Check
     const std::string right = b == copy.end() ? "?" : b->second;
     if (left == right) continue;
     if (!text.empty()) text += ", ";
-    text += type.name() + " " + left + " != " + right;
+    // The short names users know from the checksum tools where there is one (xxh64, md5).
+    const std::optional<std::string_view> format = mhlFormatName(type);
+    text += (format ? std::string(*format) : type.name()) + " " + left + " != " + right;
   }
   return text;
 }
@@ -278,9 +280,11 @@ std::shared_ptr<FileCopy> OffloadJobState::plannedCopy(const Entry& entry,
     if (!S_ISREG(existing.st_mode)) {
       copy->state = FileCopy::State::failed;
       copy->error = "something that is not a regular file is at the target";
-    } else if (settings_.overwrite && !settings_.verifyOnly &&
-               static_cast<std::uint64_t>(existing.st_size) != entry.walk.size) {
-      copy->replace = true;  // differs for sure: replaced
+    } else if (settings_.overwrite && !settings_.verifyOnly) {
+      // Asked to replace: written again without reading the old file first (an identical file
+      // costs one write; a different one of the same size would otherwise cost a second read of
+      // the source).
+      copy->replace = true;
     } else {
       // Checked against the source when the copies are read back.
       copy->state = FileCopy::State::committed;

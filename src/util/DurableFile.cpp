@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <random>
 
 namespace corvane::detail {
@@ -98,9 +99,13 @@ int removeStaleTemporaries(const std::string& folder) {
   if (stream == nullptr) return 0;
   int removed = 0;
   while (const dirent* entry = ::readdir(stream)) {
-    if (std::string_view(entry->d_name).starts_with(kTemporaryPrefix) &&
-        ::unlinkat(::dirfd(stream), entry->d_name, 0) == 0) {
+    if (!std::string_view(entry->d_name).starts_with(kTemporaryPrefix)) continue;
+    if (::unlinkat(::dirfd(stream), entry->d_name, 0) == 0) {
       ++removed;
+    } else if (errno == EISDIR) {
+      // A folder being assembled (a history copied whole) by a writer that was killed.
+      std::error_code ignored;
+      if (std::filesystem::remove_all(std::filesystem::path(folder) / entry->d_name, ignored) > 0) ++removed;
     }
   }
   ::closedir(stream);
