@@ -226,9 +226,47 @@ MhlResult<std::string> readWholeFile(const std::string& path) {
   return bytes;
 }
 
+namespace {
+
+// Why `bytes` is not a UTF-8 document, or nothing. ASC MHL documents are UTF-8 (ASC MHL 6.2);
+// refusing others before libxml2 sees them also keeps its encoding converters out, which report
+// their failures on the process's stderr instead of to the parser.
+std::optional<std::string> encodingProblem(std::string_view bytes) {
+  // After UTF-8's byte-order mark, if there is one.
+  const std::string_view text = bytes.starts_with("\xEF\xBB\xBF") ? bytes.substr(3) : bytes;
+  const std::string_view head = text.substr(0, 4);
+  const bool utf16Mark = head.starts_with("\xFE\xFF") || head.starts_with("\xFF\xFE");
+  // NUL among the first bytes: UTF-16 or UCS-4; 4C 6F A7 94: "<?xm" in EBCDIC.
+  if (utf16Mark || head.find('\0') != std::string_view::npos || head == "\x4C\x6F\xA7\x94") {
+    return "not UTF-8 text (ASC MHL documents are UTF-8)";
+  }
+  if (!text.starts_with("<?xml")) return std::nullopt;
+  const std::string_view declaration = text.substr(0, text.find("?>"));
+  const std::size_t at = declaration.find("encoding");
+  if (at == std::string_view::npos) return std::nullopt;
+  std::string declared;
+  bool quoted = false;
+  for (const char c : declaration.substr(at + 8)) {
+    if (c == '"' || c == '\'') {
+      if (quoted) break;
+      quoted = true;
+      continue;
+    }
+    if (quoted) declared += static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+  }
+  if (declared == "UTF-8" || declared == "UTF8") return std::nullopt;
+  return "the document declares the encoding \"" + declared +
+         "\" (ASC MHL documents are UTF-8)";
+}
+
+}  // namespace
+
 MhlResult<DocPtr> parseUntrusted(std::string_view bytes, std::string_view source) {
   compiledSchemas();  // libxml2 initialised once, before any parser runs on any thread
   if (bytes.empty()) return makeError(MhlErrorKind::malformedXml, source, 0, "empty document");
+  if (std::optional<std::string> problem = encodingProblem(bytes)) {
+    return makeError(MhlErrorKind::malformedXml, source, 1, std::move(*problem));
+  }
   if (bytes.size() > static_cast<std::size_t>(INT_MAX)) {
     return makeError(MhlErrorKind::malformedXml, source, 0, "document larger than 2 GiB");
   }

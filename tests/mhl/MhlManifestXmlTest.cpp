@@ -1036,3 +1036,57 @@ TEST(MhlNames, ProcessesAndActionsByTheirXmlNames) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// ASC MHL documents are UTF-8 (ASC MHL 6.2). Others are refused before libxml2 converts them:
+// its converters report failures on the process's stderr instead of to the parser.
+TEST(MhlManifestXml, DocumentInAnotherEncodingIsRefusedWithoutPrintingToStderr) {
+  struct Case {
+    std::string name;
+    std::string bytes;
+    std::string message;
+  };
+  const std::string body = "<hashlist version=\"2.0\" xmlns=\"urn:ASC:MHL:v2.0\"/>\n";
+  for (const Case& c : {
+           Case{"utf-7 declared",
+                "<?xml version=\"1.0\" encoding=\"UTF-7\"?>\n<hashlist>\x11</hashlist>\n",
+                "the document declares the encoding \"UTF-7\" (ASC MHL documents are UTF-8)"},
+           Case{"latin-1 declared",
+                "<?xml version='1.0' encoding='iso-8859-1'?>\n" + body,
+                "the document declares the encoding \"ISO-8859-1\" (ASC MHL documents are "
+                "UTF-8)"},
+           Case{"ucs-4 guessed", std::string("<\0\0\0?\0\0\0x\0\0\0", 12),
+                "not UTF-8 text (ASC MHL documents are UTF-8)"},
+           Case{"utf-16 mark", std::string("\xFF\xFE<\0?\0", 6),
+                "not UTF-8 text (ASC MHL documents are UTF-8)"},
+       }) {
+    SCOPED_TRACE(c.name);
+    testing::internal::CaptureStderr();
+    const MhlResult<MhlManifest> manifest = parseMhlManifest(c.bytes, "other.mhl");
+    const std::optional<MhlError> validated = validateMhlManifest(c.bytes, "other.mhl");
+    const MhlResult<MhlChain> chain = parseMhlChain(c.bytes, "other.xml");
+    const std::string printed = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(printed, "");
+    ASSERT_FALSE(manifest);
+    EXPECT_EQ(manifest.error().kind, MhlErrorKind::malformedXml);
+    EXPECT_EQ(manifest.error().message, c.message);
+    ASSERT_TRUE(validated.has_value());
+    EXPECT_EQ(validated->message, c.message);
+    ASSERT_FALSE(chain);
+    EXPECT_EQ(chain.error().message, c.message);
+  }
+  // UTF-8 declared in any spelling, with or without the byte-order mark, still reads.
+  const std::string example = testsupport::readFile(testsupport::ascmhlDataPath(kExampleName));
+  const std::string rest = example.substr(example.find("?>") + 2);
+  for (const std::string declaration :
+       {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>", "<?xml version=\"1.0\" encoding='utf8'?>",
+        "\xEF\xBB\xBF<?xml version=\"1.0\"?>"}) {
+    const std::optional<MhlError> refused = validateMhlManifest(declaration + rest, "utf8.mhl");
+    EXPECT_FALSE(refused.has_value()) << declaration << (refused ? refused->message : "");
+  }
+}
+
+}  // namespace
+}  // namespace corvane
