@@ -16,6 +16,7 @@
 #include "corvane/MhlIgnorePatterns.hpp"
 #include "corvane/Version.hpp"
 #include "mhl/MhlHistorySupport.hpp"
+#include "mhl/MhlXmlSupport.hpp"
 #include "util/DurableFile.hpp"
 
 namespace corvane {
@@ -367,7 +368,7 @@ class GenerationMaker {
                                std::chrono::system_clock::time_point started,
                                const MhlManifest& manifest) {
     const std::string folder = mhl::historyFolder(root);
-    MhlResult<std::string> bytes = writeMhlManifest(manifest);
+    MhlResult<std::string> bytes = mhl::serializeCheckedManifest(manifest);
     if (!bytes) {
       report_.problems.push_back(bytes.error());
       return std::nullopt;

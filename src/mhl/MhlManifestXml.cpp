@@ -542,7 +542,9 @@ std::optional<MhlError> checkMhlManifest(const MhlManifest& manifest) {
   return std::nullopt;
 }
 
-MhlResult<std::string> writeMhlManifest(const MhlManifest& manifest) {
+namespace mhl {
+
+MhlResult<std::string> serializeCheckedManifest(const MhlManifest& manifest) {
   if (std::optional<MhlError> error = checkMhlManifest(manifest)) return *error;
   mhl::XmlWriter writer("  ");
   writer.startDocument();
@@ -559,9 +561,16 @@ MhlResult<std::string> writeMhlManifest(const MhlManifest& manifest) {
   if (manifest.metadata) mhl::writeMetadata(writer, *manifest.metadata);
   writeReferences(writer, manifest.references);
   writer.end();
-  std::string bytes = writer.finish();
+  return writer.finish();
+}
+
+}  // namespace mhl
+
+MhlResult<std::string> writeMhlManifest(const MhlManifest& manifest) {
+  MhlResult<std::string> bytes = mhl::serializeCheckedManifest(manifest);
+  if (!bytes) return bytes;
   // Proof, not hope: what we hand out validates.
-  if (std::optional<MhlError> error = validateMhlManifest(bytes, "written manifest")) {
+  if (std::optional<MhlError> error = validateMhlManifest(*bytes, "written manifest")) {
     return *error;
   }
   return bytes;

@@ -39,6 +39,13 @@ MhlError contentError(std::string_view source, const xmlNode* node, std::string 
 // The whole file, or an unreadable error naming `path`.
 MhlResult<std::string> readWholeFile(const std::string& path);
 
+// writeMhlManifest without the closing schema validation, for the library's own histories, where
+// a large manifest's validation would cost as much as writing it: checkMhlManifest admits only
+// models whose documents follow the schema (the writer's tests validate what it writes against
+// the schema with libxml2 and xmllint, and the ASC MHL fuzzer checks it for every model it
+// finds).
+MhlResult<std::string> serializeCheckedManifest(const MhlManifest& manifest);
+
 // Parses untrusted bytes: no network, no DTD loading, no entity substitution, and any document
 // type declaration refused as soon as it starts (before its internal subset is read); line
 // numbers beyond 65535 kept. Errors: malformedXml with libxml2's message and line.
