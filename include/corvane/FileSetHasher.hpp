@@ -173,6 +173,10 @@ struct CORVANE_API FileSetSettings {
   std::function<std::unique_ptr<ChunkSink>(const FileSetItem&)> sinkFactory = {};
   // Progress and instrumentation; may be null. Must outlive the runs.
   ReadObserver* observer = nullptr;
+  // Hash MD5 one file at a time (OpenSSL) even where the processor could hash several files in
+  // its vector lanes at once. The checksums are the same either way; this is for comparisons and
+  // for tests. The environment variable CORVANE_MD5_LANES=scalar does the same for a process.
+  bool forceScalarMd5 = false;
 };
 
 // A consistent picture of a run, readable from any thread at any time.

@@ -32,6 +32,11 @@ unsigned processorCount() { return std::max(1U, std::thread::hardware_concurrenc
 // it fetches the next item from the input and hashes it. The caller, between results, takes
 // work too instead of sleeping, so a run of many small files costs no thread switch per file;
 // helpers wake it only when it waits.
+//
+// A thread that fetches a file whose MD5 can be hashed in vector lanes hashes a group instead
+// (ItemHasher::hashGroup): it goes on fetching while lanes are free, and items the group does not
+// take are handed back, to be hashed alone by whichever thread comes next. The caller's thread
+// stops adding files to its group once a result is ready for it to deliver.
 class FileSetRunState {
  public:
   FileSetRunState(const FileSetSettings& settings, FileSetInput input, std::stop_token external)
@@ -74,7 +79,7 @@ class FileSetRunState {
         return std::nullopt;
       }
       if (canTakeLocked()) {
-        takeOneLocked(lock);
+        takeOneLocked(lock, /*consumer=*/true);
         continue;
       }
       consumerWaiting_ = true;
@@ -116,14 +121,20 @@ class FileSetRunState {
   bool stopRequested() const { return stopSource_.stop_requested(); }
 
  private:
-  bool canTakeLocked() const {
+  bool canFetchLocked() const {
     return !inputDone_ && !fetching_ && !stopSource_.stop_requested() &&
            window_.size() < windowLimit_;
   }
 
-  // Fetches the next item and hashes it, with the lock released meanwhile; the result takes its
-  // place in the window. Items are numbered in the order they were fetched.
-  void takeOneLocked(std::unique_lock<std::mutex>& lock) {
+  // Items handed back by a group are taken first, also after a stop: their places in the window
+  // wait for them.
+  bool canTakeLocked() const { return !handedBack_.empty() || canFetchLocked(); }
+
+  // Fetches the next item and reserves its place in the window, with the lock released while the
+  // input runs; nothing at the end of the input. Items are numbered in the order they were
+  // fetched.
+  std::optional<std::pair<FileSetItem, std::size_t>> fetchLocked(
+      std::unique_lock<std::mutex>& lock) {
     fetching_ = true;
     lock.unlock();
     std::optional<FileSetItem> item;
@@ -140,7 +151,7 @@ class FileSetRunState {
       totalsKnown_.store(true, std::memory_order_release);
       if (error) inputError_ = error;
       changed_.notify_all();
-      return;
+      return std::nullopt;
     }
     const std::size_t index = firstIndex_ + window_.size();
     window_.emplace_back();
@@ -149,23 +160,79 @@ class FileSetRunState {
       counters_.bytesSeen.fetch_add(item->entry.size, std::memory_order_relaxed);
     }
     if (waitingHelpers_ != 0) changed_.notify_all();  // the input is free again
-    lock.unlock();
+    return std::pair{std::move(*item), index};
+  }
 
-    FileSetResult result = hasher_.hash(std::move(*item), index, stopSource_.get_token());
-
-    lock.lock();
+  void storeLocked(FileSetResult&& result) {
+    const std::size_t index = result.index;
     window_[index - firstIndex_] = std::move(result);
     filesDone_.fetch_add(1, std::memory_order_relaxed);
     if (consumerWaiting_) changed_.notify_all();
   }
 
+  // A group's view of the run, for the thread hashing it.
+  class RunGroupSource final : public engine::GroupSource {
+   public:
+    RunGroupSource(FileSetRunState& run, bool consumer) : run_(run), consumer_(consumer) {}
+
+    std::optional<std::pair<FileSetItem, std::size_t>> take() override {
+      std::unique_lock lock(run_.mutex_);
+      // Items handed back go to other threads first; the consumer goes back to delivering.
+      if (!run_.handedBack_.empty() || !run_.canFetchLocked()) return std::nullopt;
+      if (consumer_ && !run_.window_.empty() && run_.window_.front()) return std::nullopt;
+      return run_.fetchLocked(lock);
+    }
+
+    void handBack(FileSetItem item, std::size_t index) override {
+      const std::lock_guard lock(run_.mutex_);
+      run_.handedBack_.emplace_back(std::move(item), index);
+      run_.changed_.notify_all();
+    }
+
+    void deliver(FileSetResult result) override {
+      const std::lock_guard lock(run_.mutex_);
+      run_.storeLocked(std::move(result));
+    }
+
+   private:
+    FileSetRunState& run_;
+    bool consumer_;
+  };
+
+  // Takes the next item (one handed back, else a new one from the input) and hashes it, alone or
+  // in a group, with the lock released meanwhile; results take their places in the window.
+  void takeOneLocked(std::unique_lock<std::mutex>& lock, bool consumer) {
+    std::optional<std::pair<FileSetItem, std::size_t>> taken;
+    bool handedBack = false;
+    if (!handedBack_.empty()) {
+      taken = std::move(handedBack_.front());
+      handedBack_.pop_front();
+      handedBack = true;
+    } else {
+      taken = fetchLocked(lock);
+      if (!taken) return;
+    }
+    lock.unlock();
+    auto& [item, index] = *taken;
+    if (!handedBack && hasher_.groupsEnabled() && hasher_.groupable(item)) {
+      RunGroupSource source(*this, consumer);
+      hasher_.hashGroup(std::move(item), index, stopSource_.get_token(), source);
+      lock.lock();
+      return;
+    }
+    FileSetResult result = hasher_.hash(std::move(item), index, stopSource_.get_token());
+    lock.lock();
+    storeLocked(std::move(result));
+  }
+
   void helperLoop() {
     std::unique_lock lock(mutex_);
-    while (!stopSource_.stop_requested() && !inputDone_) {
+    while (true) {
       if (canTakeLocked()) {
-        takeOneLocked(lock);
+        takeOneLocked(lock, /*consumer=*/false);
         continue;
       }
+      if (stopSource_.stop_requested() || inputDone_) break;
       ++waitingHelpers_;
       changed_.wait(lock);
       --waitingHelpers_;
@@ -191,6 +258,8 @@ class FileSetRunState {
   bool fetching_ = false;  // a thread is calling input_.next()
   bool inputDone_ = false;
   std::exception_ptr inputError_;
+  // Items a group took but does not hash, in the order handed back.
+  std::deque<std::pair<FileSetItem, std::size_t>> handedBack_;
   unsigned waitingHelpers_ = 0;
   bool consumerWaiting_ = false;
 

@@ -1,6 +1,7 @@
 #include "engine/ItemHasher.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "checksum/HexText.hpp"
 #include "corvane/CorvaneChecksumGenerator.hpp"
 #include "engine/FileReader.hpp"
 
@@ -21,6 +23,11 @@ namespace {
 // Pieces in which a file of at most one chunk is read and hashed on the reading thread: small
 // enough to stay in the processor's own cache between the read and the hashing.
 constexpr std::size_t kCachedPieceSize = std::size_t{128} << 10;
+
+// Bytes of each file of a group read and hashed in one turn: 16 lanes of 64 KiB fill the 1 MiB
+// of L2 cache a processor has here, so what was read is still cached when it is hashed
+// (docs/PERFORMANCE.md, "MD5 over many streams").
+constexpr std::size_t kLanePieceSize = std::size_t{64} << 10;
 
 // Processor time per byte, relative (MD5 is the slowest): decides which algorithms of a file get
 // a processor of their own.
@@ -108,7 +115,9 @@ ItemHasher::ItemHasher(const FileSetSettings& settings, DeviceReaderLimits& limi
     : settings_(settings),
       limits_(limits),
       counters_(counters),
-      processors_(std::max(1U, std::thread::hardware_concurrency())) {}
+      processors_(std::max(1U, std::thread::hardware_concurrency())),
+      lanePath_(detail::md5LanePathInUse()),
+      groupsEnabled_(!settings.forceScalarMd5 && detail::md5LaneCount(lanePath_) > 1) {}
 
 const AlgorithmPlan& ItemHasher::planFor(const std::vector<ChecksumType>& algorithms) {
   std::vector<std::uint64_t> key;
@@ -147,6 +156,8 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
       smallByWalk || plan.unwaitedCount == 0 ? std::min(chunkSize, kCachedPieceSize) : chunkSize;
   options.bypassCache = settings_.bypassCache || item.bypassCache;
   options.regularOnly = item.regularOnly;
+  // Nobody outside counts the chunks of a file hashed here alone.
+  options.flexibleChunks = !settings_.sinkFactory;
   // A stream (a FIFO waiting for its writer, a pipe waiting for data) ends with the run's stop.
   options.stop = stop;
   // The device's slot is taken only when the disk must be read: cached bytes never wait for it.
@@ -246,6 +257,364 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
     result.checksums[plan.algorithms[i]] = std::move(*texts[i]);
   }
   return result;
+}
+
+bool ItemHasher::groupable(const FileSetItem& item) {
+  if (!groupsEnabled_ || item.entry.kind != WalkEntry::Kind::file || item.descriptor >= 0) {
+    return false;
+  }
+  const AlgorithmPlan& plan =
+      planFor(item.algorithms.empty() ? settings_.algorithms : item.algorithms);
+  bool md5 = false;
+  for (const ChecksumType type : plan.algorithms) {
+    if (type == ChecksumTypeMD5) {
+      md5 = true;
+    } else if (relativeCost(type) > 1) {
+      return false;
+    }
+  }
+  if (!md5) return false;
+  // A named path may be a FIFO or a device, whose open or reads wait for a writer: such files are
+  // hashed alone, so that no other file waits with them. (Entries of a walk are refused at open if
+  // they are not regular files, without waiting.)
+  if (!item.regularOnly) {
+    struct stat status {};
+    if (::stat(item.entry.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  }
+  return true;
+}
+
+// One file of a group, from open to result.
+struct GroupMember {
+  FileSetItem item;
+  FileSetResult result;
+  const AlgorithmPlan* plan = nullptr;
+  std::optional<FileReader> reader;
+  // One per algorithm of the plan, in its order; null for MD5, which the lanes hash.
+  std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
+  std::unique_ptr<ChunkSink> sink;
+  unsigned lane = 0;
+  bool announced = false;
+  bool ended = false;      // the reader has nothing more (end or error)
+  bool done = false;       // the result was delivered
+  bool holdsSlot = false;  // shares the group's slot of its device
+  SharedBytes held;        // the chunk fed to the lane, kept until the lanes ran
+};
+
+// The files one thread hashes together; see ItemHasher::hashGroup().
+class LaneGroup {
+ public:
+  LaneGroup(ItemHasher& hasher, const std::stop_token& stop, GroupSource& source)
+      : hasher_(hasher),
+        settings_(hasher.settings_),
+        stop_(stop),
+        source_(source),
+        lanes_(hasher.lanePath_) {}
+
+  LaneGroup(const LaneGroup&) = delete;
+  LaneGroup& operator=(const LaneGroup&) = delete;
+
+  void run(FileSetItem first, std::size_t index) {
+    // Fewer files than half the lanes are hashed faster one per thread (each file then has a
+    // reading thread and a hashing one) than together on one processor.
+    const std::size_t minimum = std::max(2U, lanes_.laneCount() / 2);
+    std::vector<std::pair<FileSetItem, std::size_t>> gathered;
+    gathered.emplace_back(std::move(first), index);
+    while (gathered.size() < minimum) {
+      std::optional<std::pair<FileSetItem, std::size_t>> next = source_.take();
+      if (!next) break;
+      if (sortedOut(*next)) continue;
+      gathered.push_back(std::move(*next));
+    }
+    if (gathered.size() < minimum) {
+      for (std::size_t k = 1; k < gathered.size(); ++k) {
+        source_.handBack(std::move(gathered[k].first), gathered[k].second);
+      }
+      source_.deliver(hasher_.hash(std::move(gathered[0].first), index, stop_));
+      return;
+    }
+    for (auto& [item, position] : gathered) start(std::move(item), position);
+    while (true) {
+      while (lanes_.freeLanes() > 0) {
+        std::optional<std::pair<FileSetItem, std::size_t>> next = source_.take();
+        if (!next) break;
+        if (!sortedOut(*next)) start(std::move(next->first), next->second);
+      }
+      if (members_.empty()) break;
+      turn();
+    }
+  }
+
+ private:
+  // Delivers or hands back an item that does not join the group; true when it did so.
+  bool sortedOut(std::pair<FileSetItem, std::size_t>& next) {
+    if (next.first.entry.kind != WalkEntry::Kind::file) {
+      source_.deliver(reportedEntry(std::move(next.first), next.second));
+      return true;
+    }
+    if (!hasher_.groupable(next.first)) {
+      source_.handBack(std::move(next.first), next.second);
+      return true;
+    }
+    return false;
+  }
+
+  // Opens a file and gives it a lane, or delivers its result when it ends before its first read.
+  void start(FileSetItem item, std::size_t index) {
+    auto member = std::make_unique<GroupMember>();
+    GroupMember& m = *member;
+    m.result.index = index;
+    m.result.entry = item.entry;
+    if (item.regularOnly) m.result.size = item.entry.size;
+    if (stop_.stop_requested()) {
+      m.result.error = stoppedError();
+      source_.deliver(std::move(m.result));
+      return;
+    }
+    m.plan = &hasher_.planFor(item.algorithms.empty() ? settings_.algorithms : item.algorithms);
+    const std::size_t chunkSize =
+        settings_.chunkSize != 0 ? settings_.chunkSize : kDefaultChunkSize;
+    ReadOptions options;
+    options.bypassCache = settings_.bypassCache || item.bypassCache;
+    // Reads past the cache stay large: they wait for the device, which wants big requests.
+    options.chunkSize = options.bypassCache ? chunkSize : std::min(chunkSize, kLanePieceSize);
+    options.regularOnly = item.regularOnly;
+    options.stop = stop_;
+    options.beforeDiskRead = [this, &m] { return beforeDiskRead(m); };
+    m.reader.emplace(FileReader::open(item.entry.path, options));
+    FileReader& reader = *m.reader;
+    if (reader.error()) {
+      m.result.error = reader.error();
+      source_.deliver(std::move(m.result));
+      return;
+    }
+    const struct stat& status = reader.statusAtOpen();
+    m.result.modified = FileTime{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+    m.result.entry.device = static_cast<std::uint64_t>(status.st_dev);
+    if (item.entry.size == 0 && reader.isRegular()) {
+      hasher_.counters_.bytesSeen += reader.expectedSize();
+    }
+    m.generators.reserve(m.plan->algorithms.size());
+    for (const ChecksumType type : m.plan->algorithms) {
+      if (type == ChecksumTypeMD5) {
+        m.generators.emplace_back();
+        continue;
+      }
+      m.generators.push_back(CorvaneChecksumGenerator::checksumGeneratorForType(type));
+      if (!m.generators.back()) {
+        m.result.error = FileError{FileErrorKind::open, 0,
+                                   "no generator for algorithm " + std::to_string(type.rawValue())};
+        source_.deliver(std::move(m.result));
+        return;
+      }
+    }
+    if (settings_.sinkFactory) {
+      m.sink = settings_.sinkFactory(item);
+      if (m.sink) m.sink->begin(item, reader.expectedSize());
+    }
+    m.item = std::move(item);
+    m.lane = *lanes_.join();  // run() admits files only while a lane is free
+    members_.push_back(std::move(member));
+  }
+
+  void announce(GroupMember& m) {
+    if (settings_.observer == nullptr || m.announced) return;
+    m.announced = true;
+    settings_.observer->readStarted(m.result.entry.path, m.result.entry.device);
+  }
+
+  // Reads the next chunk of `m` and hands it to its generators, sinks and lane (not run yet).
+  // False at the end of the file or after an error.
+  bool readChunk(GroupMember& m) {
+    SharedBytes chunk = m.reader->next();
+    if (!chunk) {
+      m.ended = true;
+      return false;
+    }
+    announce(m);
+    for (const std::size_t k : m.plan->handOffOrder) {
+      if (m.generators[k]) m.generators[k]->addDataToChecksumAndWait(chunk);
+    }
+    if (m.sink) m.sink->chunk(chunk);
+    hasher_.counters_.bytesRead.fetch_add(chunk->size(), std::memory_order_relaxed);
+    if (settings_.observer != nullptr) settings_.observer->bytesRead(chunk->size());
+    lanes_.feed(m.lane, chunk->data(), chunk->size());
+    m.held = std::move(chunk);
+    return true;
+  }
+
+  // One turn: a chunk of every file, then the lanes hash them all together.
+  void turn() {
+    bool stopped = false;
+    for (std::size_t k = 0; k < members_.size() && !stopped; ++k) {
+      GroupMember& m = *members_[k];
+      if (m.done || m.ended) continue;
+      if (readChunk(m) && stop_.stop_requested()) stopped = true;
+    }
+    lanes_.run();
+    std::vector<GroupMember*> ended;
+    for (const auto& member : members_) {
+      member->held.reset();
+      if (member->done) continue;
+      if (member->ended) {
+        ended.push_back(member.get());
+      } else if (stopped) {
+        concludeStopped(*member);
+      }
+    }
+    concludeAll(ended);
+    std::erase_if(members_, [](const std::unique_ptr<GroupMember>& m) { return m->done; });
+  }
+
+  // The end of reading a file, as hash() ends it: size, error, change check, sink, observer,
+  // the other algorithms' checksums. Leaves the MD5 lane to the caller unless there is an error.
+  FileError endReading(GroupMember& m, bool stopped,
+                       std::vector<std::optional<std::string>>& texts) {
+    FileReader& reader = *m.reader;
+    m.result.size = reader.bytesRead();
+    FileError error = stopped ? stoppedError() : reader.error();
+    if (!error) error = reader.finish();
+    if (m.sink) {
+      FileError sinkError = m.sink->finish(error);
+      if (!error) error = std::move(sinkError);
+    }
+    announce(m);
+    if (settings_.observer != nullptr) settings_.observer->readFinished(m.result.entry.path);
+    texts.clear();
+    for (const auto& generator : m.generators) {
+      texts.push_back(generator ? generator->finalizeChecksumAndWait() : std::nullopt);
+    }
+    releaseSlot(m);
+    return error;
+  }
+
+  void deliver(GroupMember& m, FileError error, std::vector<std::optional<std::string>>& texts,
+               const std::optional<detail::Md5Digest>& md5) {
+    m.done = true;
+    m.reader.reset();
+    if (error) {
+      m.result.error = std::move(error);
+      source_.deliver(std::move(m.result));
+      return;
+    }
+    const Bytes digest = md5 ? Bytes(md5->begin(), md5->end()) : Bytes{};
+    for (std::size_t i = 0; i < m.plan->algorithms.size(); ++i) {
+      const ChecksumType type = m.plan->algorithms[i];
+      if (type == ChecksumTypeMD5) {
+        m.result.checksums[type] = detail::hexText(digest);
+        continue;
+      }
+      if (!texts[i]) {
+        m.result.error = FileError{FileErrorKind::read, 0, "no checksum produced"};
+        m.result.checksums.clear();
+        break;
+      }
+      m.result.checksums[type] = std::move(*texts[i]);
+    }
+    source_.deliver(std::move(m.result));
+  }
+
+  // A file the stop caught before its end.
+  void concludeStopped(GroupMember& m) {
+    std::vector<std::optional<std::string>> texts;
+    FileError error = endReading(m, /*stopped=*/true, texts);
+    lanes_.leave(m.lane);
+    deliver(m, std::move(error), texts, std::nullopt);
+  }
+
+  // Files whose reader ended: their padding is hashed together.
+  void concludeAll(const std::vector<GroupMember*>& ended) {
+    std::vector<std::vector<std::optional<std::string>>> texts(ended.size());
+    std::vector<FileError> errors(ended.size());
+    for (std::size_t k = 0; k < ended.size(); ++k) {
+      errors[k] = endReading(*ended[k], /*stopped=*/false, texts[k]);
+      if (errors[k]) {
+        lanes_.leave(ended[k]->lane);
+      } else {
+        lanes_.close(ended[k]->lane);
+      }
+    }
+    lanes_.run();
+    for (std::size_t k = 0; k < ended.size(); ++k) {
+      std::optional<detail::Md5Digest> digest;
+      if (!errors[k]) digest = lanes_.takeDigest(ended[k]->lane);
+      deliver(*ended[k], std::move(errors[k]), texts[k], digest);
+    }
+  }
+
+  // Reads `m` to its end alone and delivers it.
+  void drain(GroupMember& m) {
+    bool stopped = false;
+    while (!m.ended) {
+      if (readChunk(m)) {
+        lanes_.run();
+        if (stop_.stop_requested()) {
+          stopped = true;
+          break;
+        }
+      }
+    }
+    if (stopped) {
+      concludeStopped(m);
+    } else {
+      concludeAll({&m});
+    }
+  }
+
+  // The storage device of `m` must be read (its bytes are not cached): a slot of the device, as
+  // ItemHasher::hash() takes one. The group shares one slot among its files of a device that
+  // allows several readers; before waiting for a slot, it ends the files that hold its other
+  // slots, so it never waits while holding one.
+  bool beforeDiskRead(GroupMember& m) {
+    const std::uint64_t device = m.result.entry.device;
+    const auto held = slots_.find(device);
+    if (held != slots_.end() && readerLimit(device) != 1) {
+      ++held->second;
+      m.holdsSlot = true;
+      return true;
+    }
+    for (const auto& member : members_) {
+      if (member.get() != &m && member->holdsSlot && !member->done) drain(*member);
+    }
+    if (!hasher_.limits_.acquire(device, stop_)) return false;
+    slots_[device] = 1;
+    m.holdsSlot = true;
+    return true;
+  }
+
+  void releaseSlot(GroupMember& m) {
+    if (!m.holdsSlot) return;
+    m.holdsSlot = false;
+    const std::uint64_t device = m.result.entry.device;
+    const auto held = slots_.find(device);
+    if (--held->second == 0) {
+      slots_.erase(held);
+      hasher_.limits_.release(device);
+    }
+  }
+
+  // As DeviceReaderLimits counts them: the fixed limit, else the device's kind (0: none).
+  unsigned readerLimit(std::uint64_t device) {
+    if (settings_.readersPerDevice != 0) return settings_.readersPerDevice;
+    const auto [found, added] = limits_.try_emplace(device, 0);
+    if (added) found->second = suggestedReadersForDevice(device);
+    return found->second;
+  }
+
+  ItemHasher& hasher_;
+  const FileSetSettings& settings_;
+  const std::stop_token& stop_;
+  GroupSource& source_;
+  detail::Md5Lanes lanes_;
+  std::vector<std::unique_ptr<GroupMember>> members_;  // in the order they joined
+  std::map<std::uint64_t, unsigned> slots_;  // devices the group holds a slot of: files sharing it
+  std::map<std::uint64_t, unsigned> limits_;
+};
+
+void ItemHasher::hashGroup(FileSetItem first, std::size_t index, const std::stop_token& stop,
+                           GroupSource& source) {
+  LaneGroup group(*this, stop, source);
+  group.run(std::move(first), index);
 }
 
 }  // namespace corvane::engine
