@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <thread>
 
 #include "corvane/ChecksumGenerator.hpp"
 #include "corvane/MhlHashFormat.hpp"
@@ -140,6 +143,18 @@ MhlResult<std::string> readBytes(const std::string& path) {
   return bytes;
 }
 
+// The manifest at `path`, checked against the C4 ID the chain holds for it, parsed.
+MhlResult<MhlManifest> loadManifest(const std::string& path, const std::string& c4) {
+  MhlResult<std::string> bytes = readBytes(path);
+  if (!bytes) return bytes.error();
+  if (c4IdOf(*bytes) != c4) {
+    return problem(MhlErrorKind::invalidContent, path,
+                   "the manifest's C4 ID does not match the chain's (" + c4 +
+                       "): the file was changed");
+  }
+  return parseMhlManifest(*bytes, path);
+}
+
 }  // namespace
 
 MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems,
@@ -155,26 +170,31 @@ MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems,
     if (!chain) {
       problems.push_back(chain.error());
     } else {
-      for (const MhlChainEntry& entry : chain->entries) {
-        const std::string manifestPath = joinPath(folder, entry.path);
-        MhlResult<std::string> bytes = readBytes(manifestPath);
-        if (!bytes) {
-          problems.push_back(bytes.error());
-          continue;
+      // Each manifest is read, checked and parsed on its own, so the generations of a long
+      // history are parsed on all processors at once; results keep the chain's order.
+      const std::vector<MhlChainEntry>& entries = chain->entries;
+      std::vector<std::optional<MhlResult<MhlManifest>>> parsed(entries.size());
+      std::atomic<std::size_t> next = 0;
+      const auto work = [&] {
+        for (std::size_t k; (k = next.fetch_add(1)) < entries.size();) {
+          parsed[k] = loadManifest(joinPath(folder, entries[k].path), entries[k].c4.value);
         }
-        if (c4IdOf(*bytes) != entry.c4.value) {
-          problems.push_back(problem(MhlErrorKind::invalidContent, manifestPath,
-                                     "the manifest's C4 ID does not match the chain's (" +
-                                         entry.c4.value + "): the file was changed"));
-          continue;
-        }
-        MhlResult<MhlManifest> manifest = parseMhlManifest(*bytes, manifestPath);
+      };
+      const std::size_t helpers =
+          std::min<std::size_t>(entries.size(), std::max(1U, std::thread::hardware_concurrency())) -
+          (entries.empty() ? 0 : 1);
+      std::vector<std::thread> threads;
+      for (std::size_t k = 0; k < helpers; ++k) threads.emplace_back(work);
+      work();
+      for (std::thread& thread : threads) thread.join();
+      for (std::size_t k = 0; k < entries.size(); ++k) {
+        MhlResult<MhlManifest>& manifest = *parsed[k];
         if (!manifest) {
           problems.push_back(manifest.error());
           continue;
         }
-        history.generations.push_back(
-            {entry.sequenceNumber, entry.path, entry.c4.value, std::move(*manifest)});
+        history.generations.push_back({entries[k].sequenceNumber, entries[k].path,
+                                       entries[k].c4.value, std::move(*manifest)});
       }
     }
   }
