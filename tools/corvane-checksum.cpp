@@ -4,6 +4,7 @@
 //   corvane-checksum check     [OPTIONS] LISTFILE...    verify files against checksum lists
 //   corvane-checksum compare   [OPTIONS] SRC DST        verify a copy of a folder or file
 //   corvane-checksum composite [OPTIONS] DIR            one checksum for a folder
+//   corvane-checksum copy      [OPTIONS] SRC DST...     copy to several destinations, verified
 //   corvane-checksum mhl COMMAND [OPTIONS] ROOT         ASC MHL histories: create, verify, diff,
 //                                                       info, flatten
 //   corvane-checksum                                    checksums a built-in sample
@@ -19,6 +20,7 @@
 #include "CheckCommand.hpp"
 #include "CompareCommand.hpp"
 #include "CompositeCommand.hpp"
+#include "CopyCommand.hpp"
 #include "ExitStatus.hpp"
 #include "HashCommand.hpp"
 #include "MhlCommand.hpp"
@@ -83,6 +85,8 @@ int run(int argc, char** argv) {
   CLI::App* compare = addCompareCommand(app, compareOptions);
   CompositeOptions compositeOptions;
   CLI::App* composite = addCompositeSubcommand(app, compositeOptions);
+  CopyOptions copyOptions;
+  CLI::App* copy = addCopyCommand(app, copyOptions);
   MhlOptions mhlOptions;
   CLI::App* mhl = addMhlCommand(app, mhlOptions);
 
@@ -102,6 +106,7 @@ int run(int argc, char** argv) {
     return runCompositeCommand(compositeOptions, kProgramName, std::cout, std::cerr);
   }
   if (mhl->parsed()) return runMhlCommand(mhlOptions, std::cout, std::cerr);
+  if (copy->parsed()) return runCopyCommand(copyOptions, std::cout, std::cerr);
   return runBuiltinSample();
 }
 

@@ -168,7 +168,7 @@ struct CORVANE_API OffloadSettings {
   // Engine settings for reading the source and the copies (filesInFlight, readersPerDevice,
   // chunkSize); the algorithms and the cache bypass are the job's.
   FileSetSettings engine;
-  // Bytes waiting for one destination's writer at most; 0: 64 MiB.
+  // Bytes waiting for one destination's writer at most; 0: 32 MiB.
   std::size_t writeQueueBytes = 0;
   // Called for every entry of the source once all its copies are settled, in byte order of
   // relative paths, on the thread that called run().

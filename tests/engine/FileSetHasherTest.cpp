@@ -1161,20 +1161,25 @@ TEST(FileSetHasherStop, StopRequestedBeforeTheRunDeliversNothing) {
 // ----- devices --------------------------------------------------------------------------------
 
 // What sysfs says the reader count of `device` should be: 1 rotational, 4 solid state, 0 when
-// there is no block device (or no queue to ask) behind it. A partition asks its disk.
+// there is no block device (or no queue to ask) behind it. A partition asks its disk. A virtio
+// disk's rotational flag is the driver's default, not the storage's: 4.
 unsigned expectedReadersFromSysfs(dev_t device) {
   const std::filesystem::path link =
       "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
   std::error_code error;
   const std::filesystem::path node = std::filesystem::canonical(link, error);
   if (error) return 0;
-  std::filesystem::path rotational = node / "queue" / "rotational";
-  if (!std::filesystem::exists(rotational) && std::filesystem::exists(node / "partition")) {
-    rotational = node.parent_path() / "queue" / "rotational";
+  std::filesystem::path disk = node;
+  if (!std::filesystem::exists(disk / "queue" / "rotational") &&
+      std::filesystem::exists(node / "partition")) {
+    disk = node.parent_path();
   }
-  std::ifstream in(rotational);
+  std::ifstream in(disk / "queue" / "rotational");
   char value = 0;
   if (!in.get(value)) return 0;
+  const std::filesystem::path driver =
+      std::filesystem::read_symlink(disk / "device" / "driver", error);
+  if (value == '1' && !error && driver.filename() == "virtio_blk") return 4U;
   return value == '1' ? 1U : value == '0' ? 4U : 0U;
 }
 
