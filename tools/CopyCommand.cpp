@@ -34,38 +34,26 @@ std::optional<OffloadVerification> parseVerification(const std::string& value) {
   return std::nullopt;
 }
 
-// The word of a status in -v lines and in the summary.
-const char* statusWord(OffloadCopyStatus status) {
-  switch (status) {
-    case OffloadCopyStatus::verified:
-      return "verified";
-    case OffloadCopyStatus::alreadyPresent:
-      return "already present";
-    case OffloadCopyStatus::written:
-      return "written";
-    case OffloadCopyStatus::failed:
-      return "failed";
-    case OffloadCopyStatus::skipped:
-      return "skipped";
-  }
-  return "";
-}
+// How a status reads: in -v lines and the summary, and as a key of the JSON document.
+struct StatusNames {
+  const char* word;
+  const char* key;
+};
 
-// The same in the JSON document.
-const char* statusKey(OffloadCopyStatus status) {
+StatusNames namesOf(OffloadCopyStatus status) {
   switch (status) {
     case OffloadCopyStatus::verified:
-      return "verified";
+      return {"verified", "verified"};
     case OffloadCopyStatus::alreadyPresent:
-      return "alreadyPresent";
+      return {"already present", "alreadyPresent"};
     case OffloadCopyStatus::written:
-      return "written";
+      return {"written", "written"};
     case OffloadCopyStatus::failed:
-      return "failed";
+      return {"failed", "failed"};
     case OffloadCopyStatus::skipped:
-      return "skipped";
+      return {"skipped", "skipped"};
   }
-  return "";
+  return {"", ""};
 }
 
 const char* kindKey(WalkEntry::Kind kind) {
@@ -100,17 +88,6 @@ std::string seconds(double value) {
   return text.str();
 }
 
-std::string formatDuration(double value) {
-  const auto total = static_cast<long long>(std::max(0.0, value) + 0.5);
-  char text[32];
-  if (total >= 3600) {
-    std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", total / 3600, (total / 60) % 60,
-                  total % 60);
-  } else {
-    std::snprintf(text, sizeof text, "%lld:%02lld", total / 60, total % 60);
-  }
-  return text;
-}
 
 // The progress line: redrawn on stderr from the job's own picture of itself, on a thread of its
 // own, and cleared before anything else is written there.
@@ -444,7 +421,7 @@ int runCopyCommand(const CopyOptions& options, std::ostream& out, std::ostream& 
         putName(item, "destination",
                 d < summary.destinations.size() ? summary.destinations[d].root : "");
         putName(item, "path", copy.path);
-        item["status"] = statusKey(copy.status);
+        item["status"] = namesOf(copy.status).key;
         item["error"] = errorJson(copy.error);
         copies.push_back(std::move(item));
       }
@@ -466,7 +443,7 @@ int runCopyCommand(const CopyOptions& options, std::ostream& out, std::ostream& 
         continue;
       }
       for (const OffloadCopyResult& copy : result.copies) {
-        out << statusLine(statusWord(copy.status), copy.path);
+        out << statusLine(namesOf(copy.status).word, copy.path);
       }
     }
     for (const OffloadDestinationSummary& destination : summary.destinations) {

@@ -11,6 +11,8 @@ namespace {
 
 constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 
+}  // namespace
+
 std::string formatDuration(double seconds) {
   if (seconds < 0) seconds = 0;
   const auto total = static_cast<long long>(seconds + 0.5);
@@ -23,8 +25,6 @@ std::string formatDuration(double seconds) {
   }
   return text;
 }
-
-}  // namespace
 
 ReportSettings reportSettingsFor(bool noProgress, bool summary, bool stderrIsTerminal) {
   ReportSettings settings;

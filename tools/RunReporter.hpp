@@ -30,6 +30,9 @@ struct ReportSettings {
 // The settings for --no-progress / --summary given whether stderr is a terminal.
 ReportSettings reportSettingsFor(bool noProgress, bool summary, bool stderrIsTerminal);
 
+// A time left or taken as the progress line shows it: "m:ss", or "h:mm:ss" from an hour on.
+std::string formatDuration(double seconds);
+
 class RunReporter {
  public:
   RunReporter(ReportSettings settings, std::ostream& err);

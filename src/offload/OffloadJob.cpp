@@ -17,6 +17,7 @@
 #include <unordered_map>
 
 #include "corvane/MhlHashFormat.hpp"
+#include "mhl/MhlHistorySupport.hpp"
 #include "offload/CopyWriter.hpp"
 #include "util/DurableFile.hpp"
 
@@ -61,15 +62,6 @@ std::string differences(const std::vector<ChecksumType>& algorithms, const Check
     text += (format ? std::string(*format) : type.name()) + " " + left + " != " + right;
   }
   return text;
-}
-
-MhlError mhlProblem(MhlErrorKind kind, std::string source, std::string message, int code = 0) {
-  MhlError error;
-  error.kind = kind;
-  error.source = std::move(source);
-  error.message = std::move(message);
-  error.code = code;
-  return error;
 }
 
 // One entry of the source and what became of it.
@@ -535,7 +527,7 @@ void OffloadJobState::copyHistoryFolder(const std::string& relative, std::size_t
   fs::remove_all(temporary, error);
   const auto fail = [&](const std::string& what) {
     summary.mhlProblems.push_back(
-        mhlProblem(MhlErrorKind::unreadable, target.string(), what + ": " + error.message()));
+        mhl::problem(MhlErrorKind::unreadable, target.string(), what + ": " + error.message()));
     fs::remove_all(temporary, error);
   };
   if (!fs::create_directory(temporary, error)) return fail("cannot make a folder");
@@ -556,7 +548,7 @@ void OffloadJobState::copyHistoryFolder(const std::string& relative, std::size_t
                                                   bytes, detail::ReplacePolicy::neverReplace);
     if (written) {
       summary.mhlProblems.push_back(
-          mhlProblem(MhlErrorKind::unreadable, target.string(), written.message, written.code));
+          mhl::problem(MhlErrorKind::unreadable, target.string(), written.message, written.code));
       fs::remove_all(temporary, error);
       return;
     }
@@ -578,7 +570,7 @@ void OffloadJobState::recordPhase(OffloadSummary& summary) {
   }
   if (formats.empty()) {
     summary.sourceMhlProblems.push_back(
-        mhlProblem(MhlErrorKind::invalidContent, source_,
+        mhl::problem(MhlErrorKind::invalidContent, source_,
                    "no ASC MHL format among the algorithms (md5, sha1, xxh64, xxh3, xxh128, c4)"));
     return;
   }
