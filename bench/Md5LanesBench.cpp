@@ -1,12 +1,13 @@
-// Lane-parallel MD5 on one core against OpenSSL's single-stream MD5: 16 streams of 64 MiB (in
-// memory) hashed through Md5Lanes on every path the processor runs, fed 64 KiB per lane per
-// run() as the file-set engine feeds it, beside EVP_Digest of the same 16 streams one after the
-// other. Every digest is checked against OpenSSL's before any figure is printed.
+// Lane-parallel MD5 and SHA-1 on one core against OpenSSL's single stream (for SHA-1, with the
+// processor's SHA extensions): 16 streams of 64 MiB (in memory) hashed through Md5Lanes and
+// Sha1Lanes on every path the processor runs, fed 64 KiB per lane per run() as the file-set
+// engine feeds them, beside EVP_Digest of the same 16 streams one after the other. Every digest
+// is checked against OpenSSL's before any figure is printed.
 //
 // Also measured: what one vector step costs against one OpenSSL block (with 1 to 16 lanes in
-// use, data in cache), which sets the point below which Md5Lanes hands lanes to OpenSSL; and
-// OpenSSL's SHA-1 (SHA extensions) beside a 16-lane AVX-512 SHA-1 prototype
-// (Md5LanesSha1Prototype.cpp), to decide whether SHA-1 should get lanes too.
+// use, data in cache), which sets the point below which the lanes hand streams to OpenSSL, and
+// tells whether a path pays at all (a step that costs more OpenSSL blocks than it has lanes
+// never does).
 //
 // Usage: Md5LanesBench [MIB_PER_STREAM (64)] [REPEATS (5)]. Rates are GB/s (10^9 bytes) of
 // process CPU time and of wall time, best of REPEATS rounds; the cases of a round run one after
@@ -28,15 +29,14 @@
 
 #include "checksum/Md5Lanes.hpp"
 #include "checksum/Md5LanesKernels.hpp"
-
-void sha1LanesAvx512Prototype(std::uint32_t (*state)[16], const std::uint8_t* const* lanes,
-                              std::size_t blocks);
+#include "checksum/Sha1Lanes.hpp"
+#include "checksum/Sha1LanesKernels.hpp"
 
 namespace {
 
-using corvane::detail::Md5Digest;
-using corvane::detail::Md5LanePath;
+using corvane::detail::LanePath;
 using corvane::detail::Md5Lanes;
+using corvane::detail::Sha1Lanes;
 
 constexpr std::size_t kStreams = 16;
 constexpr std::size_t kPiece = std::size_t{64} << 10;
@@ -64,13 +64,15 @@ void timed(Best& best, const std::function<void()>& work) {
   best.wall = std::min(best.wall, wallSeconds() - wall0);
 }
 
-std::vector<Md5Digest> md5WithLanes(Md5LanePath path, const std::vector<std::uint8_t>& data,
-                                    std::size_t streamBytes) {
-  Md5Lanes lanes(path);
-  std::vector<Md5Digest> digests(kStreams);
+template <class Lanes>
+std::vector<std::vector<std::uint8_t>> withLanes(LanePath path,
+                                                 const std::vector<std::uint8_t>& data,
+                                                 std::size_t streamBytes) {
+  Lanes lanes(path);
+  std::vector<std::vector<std::uint8_t>> digests(kStreams);
   std::vector<std::size_t> offset(kStreams, 0);
-  std::array<std::size_t, Md5Lanes::kMaximumLanes> streamOf{};
-  std::array<bool, Md5Lanes::kMaximumLanes> busy{};
+  std::array<std::size_t, Lanes::kMaximumLanes> streamOf{};
+  std::array<bool, Lanes::kMaximumLanes> busy{};
   std::size_t next = 0;
   std::size_t done = 0;
   while (done < kStreams) {
@@ -94,7 +96,8 @@ std::vector<Md5Digest> md5WithLanes(Md5LanePath path, const std::vector<std::uin
     }
     lanes.run();
     for (const unsigned lane : closing) {
-      digests[streamOf[lane]] = lanes.takeDigest(lane);
+      const typename Lanes::Digest digest = lanes.takeDigest(lane);
+      digests[streamOf[lane]].assign(digest.begin(), digest.end());
       busy[lane] = false;
       ++done;
     }
@@ -116,33 +119,6 @@ std::vector<std::vector<std::uint8_t>> openSslDigests(const EVP_MD* md,
   return digests;
 }
 
-// SHA-1 of the 16 streams with the prototype: whole blocks, then one padding block (the streams
-// are a multiple of 64 bytes long).
-std::vector<std::vector<std::uint8_t>> sha1WithPrototype(const std::vector<std::uint8_t>& data,
-                                                         std::size_t streamBytes) {
-  alignas(64) std::uint32_t state[5][16];
-  const std::uint32_t initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
-  for (int i = 0; i < 5; ++i) std::fill(state[i], state[i] + 16, initial[i]);
-  const std::uint8_t* lanes[16];
-  for (std::size_t offset = 0; offset < streamBytes; offset += kPiece) {
-    for (std::size_t s = 0; s < 16; ++s) lanes[s] = data.data() + s * streamBytes + offset;
-    sha1LanesAvx512Prototype(state, lanes, std::min(kPiece, streamBytes - offset) / 64);
-  }
-  std::uint8_t padding[64] = {0x80};
-  const std::uint64_t bits = std::uint64_t{streamBytes} * 8;
-  for (int k = 0; k < 8; ++k) padding[63 - k] = static_cast<std::uint8_t>(bits >> (8 * k));
-  for (auto& lane : lanes) lane = padding;
-  sha1LanesAvx512Prototype(state, lanes, 1);
-  std::vector<std::vector<std::uint8_t>> digests(16);
-  for (std::size_t s = 0; s < 16; ++s) {
-    for (int i = 0; i < 5; ++i) {
-      for (int k = 3; k >= 0; --k)
-        digests[s].push_back(static_cast<std::uint8_t>(state[i][s] >> (8 * k)));
-    }
-  }
-  return digests;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -156,42 +132,60 @@ int main(int argc, char** argv) {
     std::memcpy(&data[i], &x, 8);
   }
 
-  std::vector<Md5LanePath> paths;
-  for (const Md5LanePath path : {Md5LanePath::scalar, Md5LanePath::avx2, Md5LanePath::avx512}) {
-    if (corvane::detail::md5LanePathSupported(path)) paths.push_back(path);
+  std::vector<LanePath> paths;
+  for (const LanePath path : {LanePath::scalar, LanePath::avx2, LanePath::avx512}) {
+    if (corvane::detail::lanePathSupported(path)) paths.push_back(path);
   }
-  const bool sha1Prototype =
-      __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+
+  // One algorithm's cases: the OpenSSL reference and every path of its lanes.
+  struct Algorithm {
+    const char* name;
+    const char* managerName;
+    const EVP_MD* md;
+    std::function<std::vector<std::vector<std::uint8_t>>(LanePath)> lanes;
+    corvane::detail::LaneKernel avx2;
+    corvane::detail::LaneKernel avx512;
+    Best openSsl;
+    std::map<LanePath, Best> best;
+  };
+  std::vector<Algorithm> algorithms;
+  algorithms.push_back({"MD5",
+                        "Md5Lanes",
+                        EVP_md5(),
+                        [&](LanePath path) { return withLanes<Md5Lanes>(path, data, streamBytes); },
+                        corvane::detail::md5LanesAvx2,
+                        corvane::detail::md5LanesAvx512,
+                        {},
+                        {}});
+  algorithms.push_back(
+      {"SHA-1",
+       "Sha1Lanes",
+       EVP_sha1(),
+       [&](LanePath path) { return withLanes<Sha1Lanes>(path, data, streamBytes); },
+       corvane::detail::sha1LanesAvx2,
+       corvane::detail::sha1LanesAvx512,
+       {},
+       {}});
 
   // Exactness first.
-  const auto md5Reference = openSslDigests(EVP_md5(), data, streamBytes);
-  for (const Md5LanePath path : paths) {
-    const std::vector<Md5Digest> digests = md5WithLanes(path, data, streamBytes);
-    for (std::size_t s = 0; s < kStreams; ++s) {
-      if (!std::equal(digests[s].begin(), digests[s].end(), md5Reference[s].begin())) {
-        std::fprintf(stderr, "MD5 of stream %zu differs on the %s path\n", s,
-                     std::string(corvane::detail::md5LanePathName(path)).c_str());
+  for (const Algorithm& algorithm : algorithms) {
+    const auto reference = openSslDigests(algorithm.md, data, streamBytes);
+    for (const LanePath path : paths) {
+      if (algorithm.lanes(path) != reference) {
+        std::fprintf(stderr, "%s differs on the %s path\n", algorithm.name,
+                     std::string(corvane::detail::lanePathName(path)).c_str());
         return 1;
       }
     }
   }
-  if (sha1Prototype &&
-      sha1WithPrototype(data, streamBytes) != openSslDigests(EVP_sha1(), data, streamBytes)) {
-    std::fprintf(stderr, "the SHA-1 prototype is wrong\n");
-    return 1;
-  }
 
-  Best openSslMd5;
-  Best openSslSha1;
-  Best prototypeSha1;
-  std::map<Md5LanePath, Best> lanes;
   for (int round = 0; round < repeats; ++round) {
-    timed(openSslMd5, [&] { openSslDigests(EVP_md5(), data, streamBytes); });
-    for (const Md5LanePath path : paths) {
-      timed(lanes[path], [&] { md5WithLanes(path, data, streamBytes); });
+    for (Algorithm& algorithm : algorithms) {
+      timed(algorithm.openSsl, [&] { openSslDigests(algorithm.md, data, streamBytes); });
+      for (const LanePath path : paths) {
+        timed(algorithm.best[path], [&] { algorithm.lanes(path); });
+      }
     }
-    timed(openSslSha1, [&] { openSslDigests(EVP_sha1(), data, streamBytes); });
-    if (sha1Prototype) timed(prototypeSha1, [&] { sha1WithPrototype(data, streamBytes); });
   }
 
   const double bytes = double(data.size());
@@ -199,61 +193,56 @@ int main(int argc, char** argv) {
               mib, repeats);
   std::printf("| Case | GB/s (CPU) | GB/s (wall) | Against OpenSSL single stream (CPU) |\n");
   std::printf("|---|---:|---:|---:|\n");
-  std::printf("| MD5, OpenSSL EVP, one stream at a time | %.2f | %.2f | 1.00x |\n",
-              bytes / openSslMd5.cpu / 1e9, bytes / openSslMd5.wall / 1e9);
-  for (const Md5LanePath path : paths) {
-    std::printf("| MD5, Md5Lanes %s (%u lanes) | %.2f | %.2f | %.2fx |\n",
-                std::string(corvane::detail::md5LanePathName(path)).c_str(),
-                corvane::detail::md5LaneCount(path), bytes / lanes[path].cpu / 1e9,
-                bytes / lanes[path].wall / 1e9, openSslMd5.cpu / lanes[path].cpu);
-  }
-  std::printf(
-      "| SHA-1, OpenSSL EVP (SHA extensions), one stream at a time | %.2f | %.2f | 1.00x |\n",
-      bytes / openSslSha1.cpu / 1e9, bytes / openSslSha1.wall / 1e9);
-  if (sha1Prototype) {
-    std::printf("| SHA-1, 16-lane AVX-512 prototype | %.2f | %.2f | %.2fx |\n",
-                bytes / prototypeSha1.cpu / 1e9, bytes / prototypeSha1.wall / 1e9,
-                openSslSha1.cpu / prototypeSha1.cpu);
+  for (Algorithm& algorithm : algorithms) {
+    std::printf("| %s, OpenSSL EVP, one stream at a time | %.2f | %.2f | 1.00x |\n", algorithm.name,
+                bytes / algorithm.openSsl.cpu / 1e9, bytes / algorithm.openSsl.wall / 1e9);
+    for (const LanePath path : paths) {
+      const Best& best = algorithm.best[path];
+      std::printf("| %s, %s %s (%u lanes) | %.2f | %.2f | %.2fx |\n", algorithm.name,
+                  algorithm.managerName, std::string(corvane::detail::lanePathName(path)).c_str(),
+                  corvane::detail::laneCount(path), bytes / best.cpu / 1e9, bytes / best.wall / 1e9,
+                  algorithm.openSsl.cpu / best.cpu);
+    }
   }
 
   // One vector step against one OpenSSL block, data in cache (16 KiB per lane).
   std::vector<std::uint8_t> cached(16 * 16384);
   std::copy(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(cached.size()),
             cached.begin());
-  Best block;
-  for (int round = 0; round < repeats; ++round) {
-    timed(block, [&] {
-      for (int k = 0; k < 200; ++k) openSslDigests(EVP_md5(), cached, 16384);
-    });
-  }
-  const double blockSeconds = block.cpu / (200.0 * 16 * 256);
   std::printf(
       "\nOne kernel step (one block on every active lane) in OpenSSL blocks, data cached:\n\n");
-  std::printf("| Path | 1 lane | 2 lanes | 4 lanes | all lanes |\n|---|---:|---:|---:|---:|\n");
-  for (const Md5LanePath path : paths) {
-    if (path == Md5LanePath::scalar) continue;
-    const unsigned count = corvane::detail::md5LaneCount(path);
-    std::printf("| %s", std::string(corvane::detail::md5LanePathName(path)).c_str());
-    for (const unsigned active : {1U, 2U, 4U, count}) {
-      alignas(64) std::uint32_t state[4][16] = {};
-      const std::uint8_t* pointers[16];
-      for (unsigned l = 0; l < 16; ++l) pointers[l] = cached.data() + l * 16384;
-      const std::uint32_t mask = active == 32 ? ~0U : (1U << active) - 1;
-      Best step;
-      for (int round = 0; round < repeats; ++round) {
-        timed(step, [&] {
-          for (int k = 0; k < 200; ++k) {
-            if (path == Md5LanePath::avx512) {
-              corvane::detail::md5LanesAvx512(state, pointers, 256, mask);
-            } else {
-              corvane::detail::md5LanesAvx2(state, pointers, 256, mask);
-            }
-          }
-        });
-      }
-      std::printf(" | %.2f", step.cpu / (200.0 * 256) / blockSeconds);
+  std::printf("| Kernel | 1 lane | 2 lanes | 4 lanes | 8 lanes | all lanes |\n");
+  std::printf("|---|---:|---:|---:|---:|---:|\n");
+  for (const Algorithm& algorithm : algorithms) {
+    Best block;
+    for (int round = 0; round < repeats; ++round) {
+      timed(block, [&] {
+        for (int k = 0; k < 200; ++k) openSslDigests(algorithm.md, cached, 16384);
+      });
     }
-    std::printf(" |\n");
+    const double blockSeconds = block.cpu / (200.0 * 16 * 256);
+    for (const LanePath path : paths) {
+      if (path == LanePath::scalar) continue;
+      const unsigned count = corvane::detail::laneCount(path);
+      const corvane::detail::LaneKernel kernel =
+          path == LanePath::avx512 ? algorithm.avx512 : algorithm.avx2;
+      std::printf("| %s %s", algorithm.name,
+                  std::string(corvane::detail::lanePathName(path)).c_str());
+      for (const unsigned active : {1U, 2U, 4U, 8U, count}) {
+        alignas(64) std::uint32_t state[5][16] = {};
+        const std::uint8_t* pointers[16];
+        for (unsigned l = 0; l < 16; ++l) pointers[l] = cached.data() + l * 16384;
+        const std::uint32_t mask = (1U << active) - 1;
+        Best step;
+        for (int round = 0; round < repeats; ++round) {
+          timed(step, [&] {
+            for (int k = 0; k < 200; ++k) kernel(state, pointers, 256, mask);
+          });
+        }
+        std::printf(" | %.2f", step.cpu / (200.0 * 256) / blockSeconds);
+      }
+      std::printf(" |\n");
+    }
   }
   return 0;
 }

@@ -1,8 +1,8 @@
-// Lane-parallel MD5 equals single-stream MD5 (OpenSSL's EVP_Digest) for every stream, on every
-// lane path this processor runs. The input is a script: each byte picks what happens next to
-// one lane (join, feed a piece whose length is the next byte, close, run, leave), and the bytes
-// fed are taken from the input itself, so lengths, piece boundaries, joins while others finish and
-// lanes left half-way all come from the fuzzer.
+// Lane-parallel MD5 and SHA-1 equal single-stream MD5 and SHA-1 (OpenSSL's EVP_Digest) for every
+// stream, on every lane path this processor runs; each input is run on both. The input is a script:
+// each byte picks what happens next to one lane (join, feed a piece whose length is the next byte,
+// close, run, leave), and the bytes fed are taken from the input itself, so lengths, piece
+// boundaries, joins while others finish and lanes left half-way all come from the fuzzer.
 #include <openssl/evp.h>
 
 #include <array>
@@ -14,18 +14,20 @@
 
 #include "FuzzCheck.hpp"
 #include "checksum/Md5Lanes.hpp"
+#include "checksum/Sha1Lanes.hpp"
 
 namespace {
 
-using corvane::detail::Md5Digest;
-using corvane::detail::Md5LanePath;
+using corvane::detail::LanePath;
 using corvane::detail::Md5Lanes;
+using corvane::detail::Sha1Lanes;
 
-Md5Digest openSslMd5(const std::vector<std::uint8_t>& bytes) {
-  Md5Digest digest{};
+template <class Lanes>
+typename Lanes::Digest openSsl(const EVP_MD* md, const std::vector<std::uint8_t>& bytes) {
+  typename Lanes::Digest digest{};
   unsigned int length = 0;
-  CORVANE_FUZZ_CHECK(
-      EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_md5(), nullptr) == 1);
+  CORVANE_FUZZ_CHECK(EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, md, nullptr) ==
+                     1);
   CORVANE_FUZZ_CHECK(length == digest.size());
   return digest;
 }
@@ -35,16 +37,17 @@ struct Stream {
   bool closed = false;
 };
 
-void runScript(Md5LanePath path, const std::uint8_t* data, std::size_t size) {
-  Md5Lanes lanes(path);
-  std::array<std::optional<Stream>, Md5Lanes::kMaximumLanes> streams;
+template <class Lanes>
+void runScript(LanePath path, const EVP_MD* md, const std::uint8_t* data, std::size_t size) {
+  Lanes lanes(path);
+  std::array<std::optional<Stream>, Lanes::kMaximumLanes> streams;
   // Bytes fed stay valid until the next run(): they point into the input, which does.
   std::size_t source = 0;
   const auto finishClosed = [&] {
     lanes.run();
     for (unsigned lane = 0; lane < lanes.laneCount(); ++lane) {
       if (!streams[lane] || !streams[lane]->closed) continue;
-      CORVANE_FUZZ_CHECK(lanes.takeDigest(lane) == openSslMd5(streams[lane]->fed));
+      CORVANE_FUZZ_CHECK(lanes.takeDigest(lane) == openSsl<Lanes>(md, streams[lane]->fed));
       streams[lane].reset();
     }
   };
@@ -99,8 +102,10 @@ void runScript(Md5LanePath path, const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  for (const Md5LanePath path : {Md5LanePath::scalar, Md5LanePath::avx2, Md5LanePath::avx512}) {
-    if (corvane::detail::md5LanePathSupported(path)) runScript(path, data, size);
+  for (const LanePath path : {LanePath::scalar, LanePath::avx2, LanePath::avx512}) {
+    if (!corvane::detail::lanePathSupported(path)) continue;
+    runScript<Md5Lanes>(path, EVP_md5(), data, size);
+    runScript<Sha1Lanes>(path, EVP_sha1(), data, size);
   }
   return 0;
 }

@@ -177,6 +177,9 @@ struct CORVANE_API FileSetSettings {
   // its vector lanes at once. The checksums are the same either way; this is for comparisons and
   // for tests. The environment variable CORVANE_MD5_LANES=scalar does the same for a process.
   bool forceScalarMd5 = false;
+  // The same for SHA-1 (OpenSSL, with the processor's SHA extensions where it has them);
+  // CORVANE_SHA1_LANES=scalar does the same for a process.
+  bool forceScalarSha1 = false;
 };
 
 // A consistent picture of a run, readable from any thread at any time.

@@ -6,6 +6,7 @@
 // word the previous step produced, enters last (the rest overlaps that step).
 #include <immintrin.h>
 
+#include "checksum/LanesAvx2Transpose.hpp"
 #include "checksum/Md5LanesKernels.hpp"
 
 namespace corvane::detail {
@@ -92,31 +93,6 @@ inline __attribute__((always_inline)) void round(int number, __m256i& a, __m256i
     d = step<kFunction, kS1>(d, a, b, c, words[order[j + 1]], sines.row[base + j + 1]);
     c = step<kFunction, kS2>(c, d, a, b, words[order[j + 2]], sines.row[base + j + 2]);
     b = step<kFunction, kS3>(b, c, d, a, words[order[j + 3]], sines.row[base + j + 3]);
-  }
-}
-
-// Eight rows (one lane's eight words each) to eight columns (one word of every lane): an 8x8
-// transpose of 32-bit elements; the words go to words[0..3] and words[4..7].
-inline __attribute__((always_inline)) void transpose(const __m256i* rows, __m256i* words) {
-  __m256i t[8];
-  __m256i u[8];
-  for (int g = 0; g < 2; ++g) {
-    const __m256i* r = rows + 4 * g;
-    t[4 * g + 0] = _mm256_unpacklo_epi32(r[0], r[1]);
-    t[4 * g + 1] = _mm256_unpackhi_epi32(r[0], r[1]);
-    t[4 * g + 2] = _mm256_unpacklo_epi32(r[2], r[3]);
-    t[4 * g + 3] = _mm256_unpackhi_epi32(r[2], r[3]);
-  }
-  // u[4g + m], 128-bit half k: word 4k + m of rows 4g to 4g + 3.
-  for (int g = 0; g < 2; ++g) {
-    u[4 * g + 0] = _mm256_unpacklo_epi64(t[4 * g + 0], t[4 * g + 2]);
-    u[4 * g + 1] = _mm256_unpackhi_epi64(t[4 * g + 0], t[4 * g + 2]);
-    u[4 * g + 2] = _mm256_unpacklo_epi64(t[4 * g + 1], t[4 * g + 3]);
-    u[4 * g + 3] = _mm256_unpackhi_epi64(t[4 * g + 1], t[4 * g + 3]);
-  }
-  for (int m = 0; m < 4; ++m) {
-    words[m] = _mm256_permute2x128_si256(u[m], u[4 + m], 0x20);
-    words[4 + m] = _mm256_permute2x128_si256(u[m], u[4 + m], 0x31);
   }
 }
 

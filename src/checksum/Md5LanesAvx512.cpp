@@ -12,6 +12,7 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
+#include "checksum/LanesAvx512Transpose.hpp"
 #include "checksum/Md5LanesKernels.hpp"
 
 namespace corvane::detail {
@@ -83,37 +84,6 @@ inline __attribute__((always_inline)) void round(int number, __m512i& a, __m512i
     d = step<kLogic, kS1>(d, a, b, c, words[order[j + 1]], sines.row[base + j + 1]);
     c = step<kLogic, kS2>(c, d, a, b, words[order[j + 2]], sines.row[base + j + 2]);
     b = step<kLogic, kS3>(b, c, d, a, words[order[j + 3]], sines.row[base + j + 3]);
-  }
-}
-
-// Rows (one lane's block, sixteen little-endian words) to columns (one word of every lane): a
-// 16x16 transpose of 32-bit elements in four passes of two-source shuffles.
-inline __attribute__((always_inline)) void transpose(const __m512i* rows, __m512i* words) {
-  __m512i t[16];
-  __m512i u[16];
-  for (int g = 0; g < 4; ++g) {
-    const __m512i* r = rows + 4 * g;
-    t[4 * g + 0] = _mm512_unpacklo_epi32(r[0], r[1]);
-    t[4 * g + 1] = _mm512_unpackhi_epi32(r[0], r[1]);
-    t[4 * g + 2] = _mm512_unpacklo_epi32(r[2], r[3]);
-    t[4 * g + 3] = _mm512_unpackhi_epi32(r[2], r[3]);
-  }
-  // u[4g + m], 128-bit block k: word 4k + m of rows 4g to 4g + 3.
-  for (int g = 0; g < 4; ++g) {
-    u[4 * g + 0] = _mm512_unpacklo_epi64(t[4 * g + 0], t[4 * g + 2]);
-    u[4 * g + 1] = _mm512_unpackhi_epi64(t[4 * g + 0], t[4 * g + 2]);
-    u[4 * g + 2] = _mm512_unpacklo_epi64(t[4 * g + 1], t[4 * g + 3]);
-    u[4 * g + 3] = _mm512_unpackhi_epi64(t[4 * g + 1], t[4 * g + 3]);
-  }
-  for (int m = 0; m < 4; ++m) {
-    const __m512i x0 = _mm512_shuffle_i32x4(u[m], u[4 + m], 0x88);
-    const __m512i x1 = _mm512_shuffle_i32x4(u[m], u[4 + m], 0xdd);
-    const __m512i y0 = _mm512_shuffle_i32x4(u[8 + m], u[12 + m], 0x88);
-    const __m512i y1 = _mm512_shuffle_i32x4(u[8 + m], u[12 + m], 0xdd);
-    words[m] = _mm512_shuffle_i32x4(x0, y0, 0x88);
-    words[8 + m] = _mm512_shuffle_i32x4(x0, y0, 0xdd);
-    words[4 + m] = _mm512_shuffle_i32x4(x1, y1, 0x88);
-    words[12 + m] = _mm512_shuffle_i32x4(x1, y1, 0xdd);
   }
 }
 

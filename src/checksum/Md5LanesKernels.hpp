@@ -20,10 +20,6 @@ inline constexpr std::uint32_t kMd5SineTable[64] = {
     0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
-// The initial state A, B, C, D of RFC 1321, 3.3 (the words 01 23 45 67 ... read little-endian).
-inline constexpr std::uint32_t kMd5InitialState[4] = {0x67452301, 0xefcdab89, 0x98badcfe,
-                                                      0x10325476};
-
 // Hashes `blocks` consecutive 64-byte blocks on every lane whose bit is set in `activeLanes`,
 // lane l reading from lanes[l] on. The state is one row per word (a, b, c, d), one column per
 // lane; the columns of other lanes are left as they were and their pointers are not read.

@@ -33,10 +33,10 @@ unsigned processorCount() { return std::max(1U, std::thread::hardware_concurrenc
 // work too instead of sleeping, so a run of many small files costs no thread switch per file;
 // helpers wake it only when it waits.
 //
-// A thread that fetches a file whose MD5 can be hashed in vector lanes hashes a group instead
-// (ItemHasher::hashGroup): it goes on fetching while lanes are free, and items the group does not
-// take are handed back, to be hashed alone by whichever thread comes next. The caller's thread
-// stops adding files to its group once a result is ready for it to deliver.
+// A thread that fetches a file whose MD5 and/or SHA-1 can be hashed in vector lanes hashes a group
+// instead (ItemHasher::hashGroup): it goes on fetching while lanes are free, and items the group
+// does not take are handed back, to be hashed alone by whichever thread comes next. The caller's
+// thread stops adding files to its group once a result is ready for it to deliver.
 class FileSetRunState {
  public:
   FileSetRunState(const FileSetSettings& settings, FileSetInput input, std::stop_token external)

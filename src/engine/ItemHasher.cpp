@@ -26,7 +26,7 @@ constexpr std::size_t kCachedPieceSize = std::size_t{128} << 10;
 
 // Bytes of each file of a group read and hashed in one turn: 16 lanes of 64 KiB fill the 1 MiB
 // of L2 cache a processor has here, so what was read is still cached when it is hashed
-// (docs/PERFORMANCE.md, "MD5 over many streams").
+// (docs/PERFORMANCE.md, "MD5 and SHA-1 over many streams").
 constexpr std::size_t kLanePieceSize = std::size_t{64} << 10;
 
 // Processor time per byte, relative (MD5 is the slowest): decides which algorithms of a file get
@@ -116,8 +116,11 @@ ItemHasher::ItemHasher(const FileSetSettings& settings, DeviceReaderLimits& limi
       limits_(limits),
       counters_(counters),
       processors_(std::max(1U, std::thread::hardware_concurrency())),
-      lanePath_(detail::md5LanePathInUse()),
-      groupsEnabled_(!settings.forceScalarMd5 && detail::md5LaneCount(lanePath_) > 1) {}
+      md5Lanes_(detail::md5LanePathInUse()),
+      sha1Lanes_(detail::sha1LanePathInUse()) {
+  if (settings.forceScalarMd5 || detail::laneCount(*md5Lanes_) == 1) md5Lanes_.reset();
+  if (settings.forceScalarSha1 || detail::laneCount(*sha1Lanes_) == 1) sha1Lanes_.reset();
+}
 
 const AlgorithmPlan& ItemHasher::planFor(const std::vector<ChecksumType>& algorithms) {
   std::vector<std::uint64_t> key;
@@ -260,20 +263,20 @@ FileSetResult ItemHasher::hash(FileSetItem item, std::size_t index, const std::s
 }
 
 bool ItemHasher::groupable(const FileSetItem& item) {
-  if (!groupsEnabled_ || item.entry.kind != WalkEntry::Kind::file || item.descriptor >= 0) {
+  if (!groupsEnabled() || item.entry.kind != WalkEntry::Kind::file || item.descriptor >= 0) {
     return false;
   }
   const AlgorithmPlan& plan =
       planFor(item.algorithms.empty() ? settings_.algorithms : item.algorithms);
-  bool md5 = false;
+  bool laned = false;
   for (const ChecksumType type : plan.algorithms) {
-    if (type == ChecksumTypeMD5) {
-      md5 = true;
+    if ((type == ChecksumTypeMD5 && md5Lanes_) || (type == ChecksumTypeSHA1 && sha1Lanes_)) {
+      laned = true;
     } else if (relativeCost(type) > 1) {
       return false;
     }
   }
-  if (!md5) return false;
+  if (!laned) return false;
   // A named path may be a FIFO or a device, whose open or reads wait for a writer: such files are
   // hashed alone, so that no other file waits with them. (Entries of a walk are refused at open if
   // they are not regular files, without waiting.)
@@ -290,10 +293,11 @@ struct GroupMember {
   FileSetResult result;
   const AlgorithmPlan* plan = nullptr;
   std::optional<FileReader> reader;
-  // One per algorithm of the plan, in its order; null for MD5, which the lanes hash.
+  // One per algorithm of the plan, in its order; null for MD5 and SHA-1, which the lanes hash.
   std::vector<std::shared_ptr<CorvaneChecksumGenerator>> generators;
   std::unique_ptr<ChunkSink> sink;
-  unsigned lane = 0;
+  std::optional<unsigned> md5Lane;   // its lane of the group's MD5 lanes, if it has MD5
+  std::optional<unsigned> sha1Lane;  // the same for SHA-1
   bool announced = false;
   bool ended = false;      // the reader has nothing more (end or error)
   bool done = false;       // the result was delivered
@@ -305,19 +309,23 @@ struct GroupMember {
 class LaneGroup {
  public:
   LaneGroup(ItemHasher& hasher, const std::stop_token& stop, GroupSource& source)
-      : hasher_(hasher),
-        settings_(hasher.settings_),
-        stop_(stop),
-        source_(source),
-        lanes_(hasher.lanePath_) {}
+      : hasher_(hasher), settings_(hasher.settings_), stop_(stop), source_(source) {
+    if (hasher.md5Lanes_) md5_.emplace(*hasher.md5Lanes_);
+    if (hasher.sha1Lanes_) sha1_.emplace(*hasher.sha1Lanes_);
+  }
 
   LaneGroup(const LaneGroup&) = delete;
   LaneGroup& operator=(const LaneGroup&) = delete;
 
   void run(FileSetItem first, std::size_t index) {
     // Fewer files than half the lanes are hashed faster one per thread (each file then has a
-    // reading thread and a hashing one) than together on one processor.
-    const std::size_t minimum = std::max(2U, lanes_.laneCount() / 2);
+    // reading thread and a hashing one) than together on one processor; SHA-1 also needs as many
+    // as make its kernel pay against OpenSSL's SHA extensions, or the group would hash them all
+    // through OpenSSL on one thread.
+    std::size_t minimum = std::max(2U, capacity() / 2);
+    if (sha1_ && needs(first, ChecksumTypeSHA1)) {
+      minimum = std::max<std::size_t>(minimum, sha1_->vectorThreshold());
+    }
     std::vector<std::pair<FileSetItem, std::size_t>> gathered;
     gathered.emplace_back(std::move(first), index);
     while (gathered.size() < minimum) {
@@ -335,7 +343,7 @@ class LaneGroup {
     }
     for (auto& [item, position] : gathered) start(std::move(item), position);
     while (true) {
-      while (lanes_.freeLanes() > 0) {
+      while (freeLanes() > 0) {
         std::optional<std::pair<FileSetItem, std::size_t>> next = source_.take();
         if (!next) break;
         if (!sortedOut(*next)) start(std::move(next->first), next->second);
@@ -346,6 +354,28 @@ class LaneGroup {
   }
 
  private:
+  // Files the group can hold at once: each may need a lane of every algorithm.
+  unsigned capacity() const {
+    return std::min(md5_ ? md5_->laneCount() : 16U, sha1_ ? sha1_->laneCount() : 16U);
+  }
+  unsigned freeLanes() const {
+    return std::min(md5_ ? md5_->freeLanes() : 16U, sha1_ ? sha1_->freeLanes() : 16U);
+  }
+  bool needs(const FileSetItem& item, ChecksumType type) const {
+    const std::vector<ChecksumType>& algorithms =
+        item.algorithms.empty() ? settings_.algorithms : item.algorithms;
+    return std::find(algorithms.begin(), algorithms.end(), type) != algorithms.end();
+  }
+  // Hashes what every member fed, in the lanes of each algorithm.
+  void runLanes() {
+    if (md5_) md5_->run();
+    if (sha1_) sha1_->run();
+  }
+  void leaveLanes(GroupMember& m) {
+    if (m.md5Lane) md5_->leave(*m.md5Lane);
+    if (m.sha1Lane) sha1_->leave(*m.sha1Lane);
+  }
+
   // Delivers or hands back an item that does not join the group; true when it did so.
   bool sortedOut(std::pair<FileSetItem, std::size_t>& next) {
     if (next.first.entry.kind != WalkEntry::Kind::file) {
@@ -396,7 +426,7 @@ class LaneGroup {
     }
     m.generators.reserve(m.plan->algorithms.size());
     for (const ChecksumType type : m.plan->algorithms) {
-      if (type == ChecksumTypeMD5) {
+      if ((type == ChecksumTypeMD5 && md5_) || (type == ChecksumTypeSHA1 && sha1_)) {
         m.generators.emplace_back();
         continue;
       }
@@ -413,7 +443,11 @@ class LaneGroup {
       if (m.sink) m.sink->begin(item, reader.expectedSize());
     }
     m.item = std::move(item);
-    m.lane = *lanes_.join();  // run() admits files only while a lane is free
+    // run() admits files only while every algorithm has a lane free.
+    for (const ChecksumType type : m.plan->algorithms) {
+      if (type == ChecksumTypeMD5 && md5_) m.md5Lane = *md5_->join();
+      if (type == ChecksumTypeSHA1 && sha1_) m.sha1Lane = *sha1_->join();
+    }
     members_.push_back(std::move(member));
   }
 
@@ -438,7 +472,8 @@ class LaneGroup {
     if (m.sink) m.sink->chunk(chunk);
     hasher_.counters_.bytesRead.fetch_add(chunk->size(), std::memory_order_relaxed);
     if (settings_.observer != nullptr) settings_.observer->bytesRead(chunk->size());
-    lanes_.feed(m.lane, chunk->data(), chunk->size());
+    if (m.md5Lane) md5_->feed(*m.md5Lane, chunk->data(), chunk->size());
+    if (m.sha1Lane) sha1_->feed(*m.sha1Lane, chunk->data(), chunk->size());
     m.held = std::move(chunk);
     return true;
   }
@@ -451,7 +486,7 @@ class LaneGroup {
       if (m.done || m.ended) continue;
       if (readChunk(m) && stop_.stop_requested()) stopped = true;
     }
-    lanes_.run();
+    runLanes();
     std::vector<GroupMember*> ended;
     for (const auto& member : members_) {
       member->held.reset();
@@ -467,7 +502,7 @@ class LaneGroup {
   }
 
   // The end of reading a file, as hash() ends it: size, error, change check, sink, observer,
-  // the other algorithms' checksums. Leaves the MD5 lane to the caller unless there is an error.
+  // the other algorithms' checksums. Leaves the lanes to the caller.
   FileError endReading(GroupMember& m, bool stopped,
                        std::vector<std::optional<std::string>>& texts) {
     FileReader& reader = *m.reader;
@@ -488,8 +523,9 @@ class LaneGroup {
     return error;
   }
 
+  // `laned`: the checksums from the lanes by algorithm (empty when there is an error).
   void deliver(GroupMember& m, FileError error, std::vector<std::optional<std::string>>& texts,
-               const std::optional<detail::Md5Digest>& md5) {
+               std::map<std::uint64_t, std::string> laned) {
     m.done = true;
     m.reader.reset();
     if (error) {
@@ -497,11 +533,10 @@ class LaneGroup {
       source_.deliver(std::move(m.result));
       return;
     }
-    const Bytes digest = md5 ? Bytes(md5->begin(), md5->end()) : Bytes{};
     for (std::size_t i = 0; i < m.plan->algorithms.size(); ++i) {
       const ChecksumType type = m.plan->algorithms[i];
-      if (type == ChecksumTypeMD5) {
-        m.result.checksums[type] = detail::hexText(digest);
+      if (const auto found = laned.find(type.rawValue()); found != laned.end()) {
+        m.result.checksums[type] = std::move(found->second);
         continue;
       }
       if (!texts[i]) {
@@ -518,8 +553,8 @@ class LaneGroup {
   void concludeStopped(GroupMember& m) {
     std::vector<std::optional<std::string>> texts;
     FileError error = endReading(m, /*stopped=*/true, texts);
-    lanes_.leave(m.lane);
-    deliver(m, std::move(error), texts, std::nullopt);
+    leaveLanes(m);
+    deliver(m, std::move(error), texts, {});
   }
 
   // Files whose reader ended: their padding is hashed together.
@@ -528,17 +563,27 @@ class LaneGroup {
     std::vector<FileError> errors(ended.size());
     for (std::size_t k = 0; k < ended.size(); ++k) {
       errors[k] = endReading(*ended[k], /*stopped=*/false, texts[k]);
+      GroupMember& m = *ended[k];
       if (errors[k]) {
-        lanes_.leave(ended[k]->lane);
-      } else {
-        lanes_.close(ended[k]->lane);
+        leaveLanes(m);
+        continue;
       }
+      if (m.md5Lane) md5_->close(*m.md5Lane);
+      if (m.sha1Lane) sha1_->close(*m.sha1Lane);
     }
-    lanes_.run();
+    runLanes();
     for (std::size_t k = 0; k < ended.size(); ++k) {
-      std::optional<detail::Md5Digest> digest;
-      if (!errors[k]) digest = lanes_.takeDigest(ended[k]->lane);
-      deliver(*ended[k], std::move(errors[k]), texts[k], digest);
+      GroupMember& m = *ended[k];
+      std::map<std::uint64_t, std::string> laned;
+      if (!errors[k] && m.md5Lane) {
+        const detail::Md5Digest digest = md5_->takeDigest(*m.md5Lane);
+        laned[ChecksumTypeMD5.rawValue()] = detail::hexText(Bytes(digest.begin(), digest.end()));
+      }
+      if (!errors[k] && m.sha1Lane) {
+        const detail::Sha1Digest digest = sha1_->takeDigest(*m.sha1Lane);
+        laned[ChecksumTypeSHA1.rawValue()] = detail::hexText(Bytes(digest.begin(), digest.end()));
+      }
+      deliver(m, std::move(errors[k]), texts[k], std::move(laned));
     }
   }
 
@@ -547,7 +592,7 @@ class LaneGroup {
     bool stopped = false;
     while (!m.ended) {
       if (readChunk(m)) {
-        lanes_.run();
+        runLanes();
         if (stop_.stop_requested()) {
           stopped = true;
           break;
@@ -605,7 +650,8 @@ class LaneGroup {
   const FileSetSettings& settings_;
   const std::stop_token& stop_;
   GroupSource& source_;
-  detail::Md5Lanes lanes_;
+  std::optional<detail::Md5Lanes> md5_;  // nothing when MD5 is hashed one file at a time
+  std::optional<detail::Sha1Lanes> sha1_;
   std::vector<std::unique_ptr<GroupMember>> members_;  // in the order they joined
   std::map<std::uint64_t, unsigned> slots_;  // devices the group holds a slot of: files sharing it
   std::map<std::uint64_t, unsigned> limits_;

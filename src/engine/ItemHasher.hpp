@@ -8,11 +8,11 @@
 // pieces: handing it to other threads would cost more in wake-ups than it gains, and the run
 // keeps other processors busy with other files.
 //
-// Files whose only heavy algorithm is MD5 are hashed in groups when the processor has vector
-// lanes for it (checksum/Md5Lanes.hpp): one thread reads up to a lane count of files in turn, a
-// modest piece of each at a time, and hashes all of them together; files join the group as others
-// leave it. Results, errors, change detection, stop, progress and device limits are those of a
-// file hashed alone (see hashGroup()).
+// Files whose heavy algorithms are MD5 and/or SHA-1 are hashed in groups when the processor has
+// vector lanes for them (checksum/HashLanes.hpp): one thread reads up to a lane count of files in
+// turn, a modest piece of each at a time, and hashes all of them together (each algorithm in its
+// own lanes); files join the group as others leave it. Results, errors, change detection, stop,
+// progress and device limits are those of a file hashed alone (see hashGroup()).
 #pragma once
 
 #include <atomic>
@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "checksum/Md5Lanes.hpp"
+#include "checksum/Sha1Lanes.hpp"
 #include "corvane/FileSetHasher.hpp"
 #include "engine/DeviceReaderLimits.hpp"
 
@@ -67,21 +68,24 @@ class ItemHasher {
   // Never throws for file problems; a stop ends reading within one chunk.
   FileSetResult hash(FileSetItem item, std::size_t index, const std::stop_token& stop);
 
-  // Whether this run hashes MD5 in groups: the processor has vector lanes for it and neither
-  // FileSetSettings::forceScalarMd5 nor CORVANE_MD5_LANES=scalar says otherwise.
-  bool groupsEnabled() const { return groupsEnabled_; }
+  // Whether this run hashes MD5 or SHA-1 in groups: the processor has vector lanes for it and
+  // neither FileSetSettings (forceScalarMd5, forceScalarSha1) nor the environment
+  // (CORVANE_MD5_LANES=scalar, CORVANE_SHA1_LANES=scalar) says otherwise.
+  bool groupsEnabled() const { return md5Lanes_ || sha1Lanes_; }
   // Whether `item` may join a group: a file by path (not a descriptor) that is regular as far as
-  // can be told before opening it, with MD5 among its algorithms and no other algorithm heavier
-  // than CRC-32 and the xxHash family (those are hashed on the group's thread beside it).
+  // can be told before opening it, with MD5 or SHA-1 (or both) among its algorithms, each of them
+  // with lanes in this run, and no other algorithm heavier than CRC-32 and the xxHash family
+  // (those are hashed on the group's thread beside it).
   bool groupable(const FileSetItem& item);
   // Hashes `first` (groupable, at position `index`) together with further items taken from
   // `source` while lanes are free; every item taken is delivered or handed back. When fewer
-  // files come than make a group pay (half the lanes), they are handed back and `first` is hashed
-  // alone. Each file gets exactly the result hash() would give it: the same checksums (MD5 from
-  // the lanes equals OpenSSL's), errors, sizes, sink and observer calls. A group counts as one
-  // reader of each storage device it reads from (DeviceReaderLimits); before it waits for a
-  // device's slot, the files holding its other slots are read to their end, so that a group never
-  // waits while holding a slot, like a thread reading one file.
+  // files come than make a group pay (half the lanes, and enough for SHA-1's kernel to pay), they
+  // are handed back and `first` is hashed alone. Each file gets exactly the result hash() would
+  // give it: the same checksums (MD5 and SHA-1 from the lanes equal OpenSSL's), errors, sizes,
+  // sink and observer calls. A group counts as one reader of each storage device it reads from
+  // (DeviceReaderLimits); before it waits for a device's slot, the files holding its other slots
+  // are read to their end, so that a group never waits while holding a slot, like a thread reading
+  // one file.
   void hashGroup(FileSetItem first, std::size_t index, const std::stop_token& stop,
                  GroupSource& source);
 
@@ -94,8 +98,9 @@ class ItemHasher {
   DeviceReaderLimits& limits_;
   RunCounters& counters_;
   unsigned processors_;
-  detail::Md5LanePath lanePath_;
-  bool groupsEnabled_;
+  // The lane paths of the run; nothing for an algorithm hashed one file at a time.
+  std::optional<detail::LanePath> md5Lanes_;
+  std::optional<detail::LanePath> sha1Lanes_;
   std::mutex plansMutex_;
   std::map<std::vector<std::uint64_t>, AlgorithmPlan> plans_;  // by raw algorithm values
 };

@@ -213,8 +213,8 @@ TEST(FileSetHasherMd5Lanes, ItemsOutsideAGroupKeepTheirPlacesAndResults) {
   Tree tree;
   fillTree(tree, 40, 11);
   tree.scratch.writeText("folder/x", "x");
-  // Among the files: a missing one, a folder, a file with SHA-1 too (not grouped), a skipped walk
-  // entry, and a file named with a different algorithm list.
+  // Among the files: a missing one, a folder, a file with SHA-256 too (not grouped), a skipped
+  // walk entry, and a file named with a different algorithm list.
   std::vector<FileSetItem> items;
   for (std::size_t k = 0; k < tree.paths.size(); ++k) {
     items.push_back(FileSetItem::path(tree.paths[k]));
@@ -222,7 +222,7 @@ TEST(FileSetHasherMd5Lanes, ItemsOutsideAGroupKeepTheirPlacesAndResults) {
     if (k % 9 == 4) items.push_back(FileSetItem::path(tree.scratch.file("folder")));
     if (k % 9 == 5) {
       FileSetItem item = FileSetItem::path(tree.paths[k]);
-      item.algorithms = {ChecksumTypeSHA1, ChecksumTypeMD5};
+      item.algorithms = {ChecksumTypeSHA256, ChecksumTypeMD5};
       items.push_back(std::move(item));
     }
     if (k % 9 == 7) {
