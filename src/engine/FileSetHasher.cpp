@@ -1,5 +1,7 @@
 #include "corvane/FileSetHasher.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -51,6 +53,7 @@ class FileSetRunState {
       externalStop_.emplace(std::move(external), [this] { requestStop(); });
     }
     helpers_.reserve(filesInFlight_ - 1);
+    liveHelpers_ = filesInFlight_ - 1;
     for (unsigned i = 1; i < filesInFlight_; ++i) helpers_.emplace_back([this] { helperLoop(); });
   }
 
@@ -78,7 +81,7 @@ class FileSetRunState {
         if (inputError_) std::rethrow_exception(std::exchange(inputError_, nullptr));
         return std::nullopt;
       }
-      if (canTakeLocked()) {
+      if (consumerCanTakeLocked()) {
         takeOneLocked(lock, /*consumer=*/true);
         continue;
       }
@@ -129,6 +132,35 @@ class FileSetRunState {
   // Items handed back by a group are taken first, also after a stop: their places in the window
   // wait for them.
   bool canTakeLocked() const { return !handedBack_.empty() || canFetchLocked(); }
+
+  // The caller's thread works too while its next result is not ready, but with helpers it leaves
+  // them what may wait (a stream, and whatever a group handed back): waiting there, it could not
+  // deliver the results others finish meanwhile.
+  bool consumerCanTakeLocked() const {
+    return canFetchLocked() || consumerMayTakeHandedBackLocked();
+  }
+
+  // The first handed-back item the caller's thread may take, or end.
+  auto consumerHandedBackLocked() {
+    return std::find_if(handedBack_.begin(), handedBack_.end(), [this](const HandedBack& back) {
+      return liveHelpers_ == 0 || !back.mayWait;
+    });
+  }
+  bool consumerMayTakeHandedBackLocked() const {
+    return std::any_of(handedBack_.begin(), handedBack_.end(), [this](const HandedBack& back) {
+      return liveHelpers_ == 0 || !back.mayWait;
+    });
+  }
+
+  // Whether reading `item` may wait for a writer: standard input or another descriptor handed
+  // over, or a named path that is not a regular file (a FIFO, a device).
+  static bool mayWait(const FileSetItem& item) {
+    if (item.entry.kind != WalkEntry::Kind::file) return false;
+    if (item.descriptor >= 0) return true;
+    if (item.regularOnly) return false;  // refused at open if it is not a regular file
+    struct stat status {};
+    return ::stat(item.entry.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  }
 
   // Fetches the next item and reserves its place in the window, with the lock released while the
   // input runs; nothing at the end of the input. Items are numbered in the order they were
@@ -184,8 +216,9 @@ class FileSetRunState {
     }
 
     void handBack(FileSetItem item, std::size_t index) override {
+      const bool wait = mayWait(item);
       const std::lock_guard lock(run_.mutex_);
-      run_.handedBack_.emplace_back(std::move(item), index);
+      run_.handedBack_.push_back({std::move(item), index, wait});
       run_.changed_.notify_all();
     }
 
@@ -204,13 +237,19 @@ class FileSetRunState {
   void takeOneLocked(std::unique_lock<std::mutex>& lock, bool consumer) {
     std::optional<std::pair<FileSetItem, std::size_t>> taken;
     bool handedBack = false;
-    if (!handedBack_.empty()) {
-      taken = std::move(handedBack_.front());
-      handedBack_.pop_front();
+    const auto back = consumer ? consumerHandedBackLocked() : handedBack_.begin();
+    if (back != handedBack_.end()) {
+      taken.emplace(std::move(back->item), back->index);
+      handedBack_.erase(back);
       handedBack = true;
     } else {
       taken = fetchLocked(lock);
       if (!taken) return;
+      if (consumer && liveHelpers_ != 0 && mayWait(taken->first)) {
+        handedBack_.push_back({std::move(taken->first), taken->second, true});
+        changed_.notify_all();
+        return;
+      }
     }
     lock.unlock();
     auto& [item, index] = *taken;
@@ -237,6 +276,9 @@ class FileSetRunState {
       changed_.wait(lock);
       --waitingHelpers_;
     }
+    // From now on the caller's thread takes whatever is left, also what may wait.
+    --liveHelpers_;
+    if (consumerWaiting_) changed_.notify_all();
   }
 
   const FileSetSettings settings_;  // a copy: a run may outlive its hasher
@@ -259,8 +301,16 @@ class FileSetRunState {
   bool inputDone_ = false;
   std::exception_ptr inputError_;
   // Items a group took but does not hash, in the order handed back.
-  std::deque<std::pair<FileSetItem, std::size_t>> handedBack_;
+  // Items a group handed back (or the caller's thread left to the helpers), with whether they
+  // may wait (see mayWait()).
+  struct HandedBack {
+    FileSetItem item;
+    std::size_t index;
+    bool mayWait;
+  };
+  std::deque<HandedBack> handedBack_;
   unsigned waitingHelpers_ = 0;
+  unsigned liveHelpers_ = 0;  // helper threads that have not left their loop
   bool consumerWaiting_ = false;
 
   std::atomic<std::uint64_t> filesDone_{0};

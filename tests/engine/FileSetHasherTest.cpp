@@ -626,6 +626,50 @@ TEST(FileSetHasherInput, FifoGivenByPathIsReadUntilItsWriterCloses) {
   EXPECT_EQ(results[0].checksums.at(ChecksumTypeMD5), "5d41402abc4b2a76b9719d911017c592");
 }
 
+TEST(FileSetHasherInput, FileBeforeAWaitingFifoIsDeliveredWhileTheFifoWaits) {
+  // The caller's thread must not be the one that waits for the FIFO's writer while the file's
+  // result is ready: a progress display counting delivered results would stand still. With MD5,
+  // the file also goes through a lane group, which hands the FIFO back to the run.
+  for (const ChecksumType type : {ChecksumTypeMD5, ChecksumTypeXXHash64}) {
+    SCOPED_TRACE(describeType(type));
+    ScratchDirectory scratch;
+    // Big enough that the caller's thread finds the file unfinished and looks for other work.
+    const std::string file = scratch.writeFile("file", testsupport::seededRandomBytes(64 << 20));
+    const std::string fifo = scratch.file("pipe");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::atomic<bool> delivered{false};
+    std::atomic<bool> writtenBeforeDelivery{false};
+    std::thread writer([&] {
+      // Writes once the file was delivered, or after five seconds at the latest.
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      while (!delivered && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+      writtenBeforeDelivery = !delivered;
+      const int descriptor = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+      if (descriptor < 0) return;
+      EXPECT_EQ(::write(descriptor, "hello", 5), 5);
+      ::close(descriptor);
+    });
+    FileSetSettings settings;
+    settings.algorithms = {type};
+    settings.filesInFlight = 2;
+    FileSetRun run = FileSetHasher(settings).start(FileSetInput::paths({file, fifo}));
+    // The run's own thread takes the first items while this one is busy elsewhere.
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    std::optional<FileSetResult> first = run.next();
+    delivered = true;
+    std::optional<FileSetResult> second = run.next();
+    writer.join();
+    EXPECT_FALSE(writtenBeforeDelivery) << "the file's result waited for the FIFO's writer";
+    ASSERT_TRUE(first && second);
+    EXPECT_TRUE(first->ok());
+    EXPECT_EQ(first->entry.path, file);
+    ASSERT_TRUE(second->ok()) << second->error.message;
+    EXPECT_EQ(second->size, 5U);
+  }
+}
+
 // Opens `fifo` for writing (and closes it again) if `finished` has not become true within five
 // seconds, so that a run blocked on opening or reading the FIFO ends; `unblocked` tells.
 class FifoWatchdog {
