@@ -164,8 +164,13 @@ MhlHistory loadHistory(const std::string& root, std::vector<MhlError>& problems,
   history.root = root;
   const std::string folder = historyFolder(root);
   struct stat status {};
-  if (::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    const std::string chainPath = joinPath(folder, std::string(kMhlChainFileName));
+  const std::string chainPath = joinPath(folder, std::string(kMhlChainFileName));
+  // A history folder without a chain holds no generation: the chain lists the manifests that
+  // belong to the history (ASC MHL 5.3.1), and a writer killed between its first manifest and
+  // the chain leaves exactly that (create removes the unlisted manifest and starts again).
+  const bool chained = ::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+                       !(::stat(chainPath.c_str(), &status) != 0 && errno == ENOENT);
+  if (chained) {
     MhlResult<MhlChain> chain = readMhlChain(chainPath);
     if (!chain) {
       problems.push_back(chain.error());

@@ -407,6 +407,32 @@ TEST(MhlHistoryCreate, KnownChecksumsOfANestedHistoryAreAskedByTheirPathFromTheT
   EXPECT_EQ(asked, (std::vector<std::string>{"Card/Inner/Take.mov", "Card/Clip.mov"}));
 }
 
+TEST(MhlHistoryCreate, FirstGenerationKilledBeforeItsChainIsDoneAgainByTheNextCreate) {
+  // What a create killed between writing its first manifest and the chain leaves: a history
+  // folder holding one manifest and no chain. That is no history yet; the next create starts it.
+  Tree tree;
+  tree.write("Stuff.txt", "stuff\n");
+  Tree other("Card02");
+  other.write("Stuff.txt", "stuff\n");
+  const MhlReport first = create(other.root());
+  ASSERT_EQ(first.manifestsWritten.size(), 1U);
+  fs::create_directories(historyFolder(tree.root()));
+  const std::string stray = historyFolder(tree.root()) + "/0001_Card01_2020-01-01_000000Z.mhl";
+  fs::copy_file(other.root() + "/" + first.manifestsWritten[0], stray);
+
+  const MhlResult<MhlHistory> before = readMhlHistory(tree.root());
+  ASSERT_TRUE(before) << before.error().description();
+  EXPECT_TRUE(before->generations.empty());
+  const MhlReport report = create(tree.root());
+  ASSERT_TRUE(report.clean()) << describe(report);
+  EXPECT_EQ(outcomeOf(report, "Stuff.txt"), MhlFileOutcome::original);
+  EXPECT_FALSE(fs::exists(stray));
+  const MhlResult<MhlHistory> after = readMhlHistory(tree.root());
+  ASSERT_TRUE(after) << after.error().description();
+  ASSERT_EQ(after->generations.size(), 1U);
+  EXPECT_TRUE(verify(tree.root()).clean());
+}
+
 TEST(MhlHistoryCreate, ReportsEveryFileAsItIsSettledInPathOrder) {
   Tree tree;
   tree.write("b.txt", "b");
