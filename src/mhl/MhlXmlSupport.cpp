@@ -252,7 +252,13 @@ std::optional<std::string> encodingProblem(std::string_view bytes) {
       quoted = true;
       continue;
     }
-    if (quoted) declared += static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+    if (!quoted) continue;
+    // An encoding name is letters, digits, '.', '_' and '-' (XML 1.0, production 81); anything
+    // else ends it, so that the message quotes no more than a name.
+    const bool nameCharacter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                               (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+    if (!nameCharacter) break;
+    declared += static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
   }
   if (declared == "UTF-8" || declared == "UTF8") return std::nullopt;
   return "the document declares the encoding \"" + declared +

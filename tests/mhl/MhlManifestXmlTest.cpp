@@ -1061,6 +1061,9 @@ TEST(MhlManifestXml, DocumentInAnotherEncodingIsRefusedWithoutPrintingToStderr) 
                 "not UTF-8 text (ASC MHL documents are UTF-8)"},
            Case{"utf-16 mark", std::string("\xFF\xFE<\0?\0", 6),
                 "not UTF-8 text (ASC MHL documents are UTF-8)"},
+           // An unclosed name: the message quotes the name only, on one line.
+           Case{"runaway name", "<?xml version=\"1.0\" encoding=\"Ution>\n<hashlist a=\"b\"/>\n",
+                "the document declares the encoding \"UTION\" (ASC MHL documents are UTF-8)"},
        }) {
     SCOPED_TRACE(c.name);
     testing::internal::CaptureStderr();
