@@ -69,22 +69,47 @@ using LaneKernel = void (*)(std::uint32_t (*state)[16], const std::uint8_t* cons
 // What HashLanes needs of an algorithm (see Md5LaneAlgorithm, Sha1LaneAlgorithm):
 //   kWords, kDigestSize, kBigEndian (the byte order of the length in the padding and of the
 //   digest's words), kName and kPathName (for diagnostics), pathInUse() (the default path),
-//   kInitialState, kernel(path) (null for scalar), vectorThreshold(path) (fewest lanes with blocks
-//   for which a vector step beats OpenSSL), and hashAlone(state, lane, bytes, blocks) (whole blocks
-//   of one lane through OpenSSL).
+//   kInitialState, kAvx512Kernel and kAvx2Kernel, kAvx512Threshold and kAvx2Threshold (fewest
+//   lanes with blocks for which a vector step beats OpenSSL), and hashAlone(state, lane, bytes,
+//   blocks) (whole blocks of one lane through OpenSSL).
 template <class Algorithm>
 class HashLanes {
  public:
   static constexpr unsigned kMaximumLanes = 16;
   using Digest = std::array<std::uint8_t, Algorithm::kDigestSize>;
 
+  // The kernel of `path`; null for the scalar path, which has none.
+  static LaneKernel kernelOf(LanePath path) {
+    switch (path) {
+      case LanePath::avx512:
+        return Algorithm::kAvx512Kernel;
+      case LanePath::avx2:
+        return Algorithm::kAvx2Kernel;
+      case LanePath::scalar:
+        break;
+    }
+    return nullptr;
+  }
+  // The fewest lanes with blocks for which `path`'s kernel is used; never for the scalar path.
+  static unsigned vectorThresholdOf(LanePath path) {
+    switch (path) {
+      case LanePath::avx512:
+        return Algorithm::kAvx512Threshold;
+      case LanePath::avx2:
+        return Algorithm::kAvx2Threshold;
+      case LanePath::scalar:
+        break;
+    }
+    return std::numeric_limits<unsigned>::max();
+  }
+
   // A manager for `path`, which must be supported (lanePathSupported); a path the processor
   // lacks is a fatal programming error.
   explicit HashLanes(LanePath path = Algorithm::pathInUse())
       : path_(path),
         laneCount_(detail::laneCount(path)),
-        vectorThreshold_(Algorithm::vectorThreshold(path)),
-        kernel_(Algorithm::kernel(path)) {
+        vectorThreshold_(vectorThresholdOf(path)),
+        kernel_(kernelOf(path)) {
     if (!lanePathSupported(path)) {
       fatalInvalidValue(Algorithm::kPathName, "not supported by this processor",
                         static_cast<std::uint64_t>(path));

@@ -6,8 +6,6 @@
 
 #include <openssl/md5.h>
 
-#include <limits>
-
 #include "checksum/Md5LanesKernels.hpp"
 
 namespace corvane::detail {
@@ -27,29 +25,10 @@ LanePath md5LanePathInUse() {
                                  {LanePath::avx512, LanePath::avx2});
 }
 
-LaneKernel Md5LaneAlgorithm::kernel(LanePath path) {
-  switch (path) {
-    case LanePath::avx512:
-      return md5LanesAvx512;
-    case LanePath::avx2:
-      return md5LanesAvx2;
-    case LanePath::scalar:
-      break;
-  }
-  return nullptr;
-}
-
-unsigned Md5LaneAlgorithm::vectorThreshold(LanePath path) {
-  switch (path) {
-    case LanePath::avx512:
-      return kAvx512VectorThreshold;
-    case LanePath::avx2:
-      return kAvx2VectorThreshold;
-    case LanePath::scalar:
-      break;
-  }
-  return std::numeric_limits<unsigned>::max();
-}
+const LaneKernel Md5LaneAlgorithm::kAvx512Kernel = md5LanesAvx512;
+const LaneKernel Md5LaneAlgorithm::kAvx2Kernel = md5LanesAvx2;
+const unsigned Md5LaneAlgorithm::kAvx512Threshold = kAvx512VectorThreshold;
+const unsigned Md5LaneAlgorithm::kAvx2Threshold = kAvx2VectorThreshold;
 
 // Whole blocks of one stream through OpenSSL's block function: a context holding the state with
 // nothing buffered hashes whole blocks straight from the caller's bytes.

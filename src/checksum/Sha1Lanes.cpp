@@ -7,8 +7,6 @@
 
 #include <openssl/sha.h>
 
-#include <limits>
-
 #include "checksum/Sha1LanesKernels.hpp"
 
 namespace corvane::detail {
@@ -28,29 +26,10 @@ LanePath sha1LanePathInUse() {
                                  {LanePath::avx512, LanePath::avx2});
 }
 
-LaneKernel Sha1LaneAlgorithm::kernel(LanePath path) {
-  switch (path) {
-    case LanePath::avx512:
-      return sha1LanesAvx512;
-    case LanePath::avx2:
-      return sha1LanesAvx2;
-    case LanePath::scalar:
-      break;
-  }
-  return nullptr;
-}
-
-unsigned Sha1LaneAlgorithm::vectorThreshold(LanePath path) {
-  switch (path) {
-    case LanePath::avx512:
-      return kAvx512VectorThreshold;
-    case LanePath::avx2:
-      return kAvx2VectorThreshold;
-    case LanePath::scalar:
-      break;
-  }
-  return std::numeric_limits<unsigned>::max();
-}
+const LaneKernel Sha1LaneAlgorithm::kAvx512Kernel = sha1LanesAvx512;
+const LaneKernel Sha1LaneAlgorithm::kAvx2Kernel = sha1LanesAvx2;
+const unsigned Sha1LaneAlgorithm::kAvx512Threshold = kAvx512VectorThreshold;
+const unsigned Sha1LaneAlgorithm::kAvx2Threshold = kAvx2VectorThreshold;
 
 // Whole blocks of one stream through OpenSSL's block function: a context holding the state with
 // nothing buffered hashes whole blocks straight from the caller's bytes.

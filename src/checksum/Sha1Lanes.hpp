@@ -35,8 +35,11 @@ struct Sha1LaneAlgorithm {
   static constexpr std::array<std::uint32_t, kWords> kInitialState = {
       0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
   static LanePath pathInUse() { return sha1LanePathInUse(); }
-  static LaneKernel kernel(LanePath path);
-  static unsigned vectorThreshold(LanePath path);
+  // The vector kernels and the fewest lanes with blocks for which each pays (Sha1Lanes.cpp).
+  static const LaneKernel kAvx512Kernel;
+  static const LaneKernel kAvx2Kernel;
+  static const unsigned kAvx512Threshold;
+  static const unsigned kAvx2Threshold;
   static void hashAlone(std::uint32_t (*state)[16], unsigned lane, const std::uint8_t* bytes,
                         std::size_t blocks);
 };
