@@ -1,7 +1,5 @@
 #include "corvane/FileSetHasher.hpp"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -157,9 +155,7 @@ class FileSetRunState {
   static bool mayWait(const FileSetItem& item) {
     if (item.entry.kind != WalkEntry::Kind::file) return false;
     if (item.descriptor >= 0) return true;
-    if (item.regularOnly) return false;  // refused at open if it is not a regular file
-    struct stat status {};
-    return ::stat(item.entry.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    return !engine::isRegularFileItem(item).value_or(true);
   }
 
   // Fetches the next item and reserves its place in the window, with the lock released while the

@@ -278,13 +278,15 @@ bool ItemHasher::groupable(const FileSetItem& item) {
   }
   if (!laned) return false;
   // A named path may be a FIFO or a device, whose open or reads wait for a writer: such files are
-  // hashed alone, so that no other file waits with them. (Entries of a walk are refused at open if
-  // they are not regular files, without waiting.)
-  if (!item.regularOnly) {
-    struct stat status {};
-    if (::stat(item.entry.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  }
-  return true;
+  // hashed alone, so that no other file waits with them.
+  return isRegularFileItem(item).value_or(false);
+}
+
+std::optional<bool> isRegularFileItem(const FileSetItem& item) {
+  if (item.regularOnly) return true;
+  struct stat status {};
+  if (::stat(item.entry.path.c_str(), &status) != 0) return std::nullopt;
+  return S_ISREG(status.st_mode);
 }
 
 // One file of a group, from open to result.

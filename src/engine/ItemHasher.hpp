@@ -61,6 +61,11 @@ class GroupSource {
   virtual void deliver(FileSetResult result) = 0;
 };
 
+// Whether the file of `item` is a regular file, as far as can be told before opening it: entries
+// of a walk are (they are refused at open otherwise, without waiting); a named path is asked with
+// stat(); nothing when stat cannot tell (the open will say why).
+std::optional<bool> isRegularFileItem(const FileSetItem& item);
+
 class ItemHasher {
  public:
   ItemHasher(const FileSetSettings& settings, DeviceReaderLimits& limits, RunCounters& counters);
